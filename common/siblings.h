@@ -19,6 +19,10 @@ int sec_flash_write(u32 dev_id, u32 offset, u8 *buf, u32 len);
 #define ORVANE_CTL_GET_DEV_NUM "orvane_ctl_get_dev_num"
 #define ORVANE_CTL_GET_DTS_CPU_CFG "orvane_ctl_get_dts_cpu_cfg_to_user_cfg"
 
+int orvane_ctl_get_dev_num(u32 *dev_num);
+int orvane_ctl_get_dts_cpu_cfg_to_user_cfg(u32 *ctrl_cpu_num, u32 *data_cpu_num,
+					   u32 *aicpu_num);
+
 typedef int (*orvane_ctl_get_dev_num_fn)(u32 *dev_num);
 typedef int (*orvane_ctl_get_dts_cpu_cfg_fn)(u32 *ctrl_cpu_num,
 					     u32 *data_cpu_num,
