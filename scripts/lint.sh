@@ -1,0 +1,138 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+#
+# Kernel-side static checks; any finding fails.
+#
+#   scripts/lint.sh [checkpatch|sparse]...     (default: both)
+#
+# checkpatch: --strict --no-tree -f over every .c/.h of the module and of the
+#   stand-in sibling modules. checkpatch.pl and the data files it reads are
+#   taken from Debian's linux-source-6.1 tarball once and kept in
+#   .cache/checkpatch/; the 140 MB package itself is not kept.
+# sparse: the module builds again with C=2 (check every file, whether or not
+#   it is rebuilt) against the x86_64-6.1 and arm64-5.10 headers; any sparse
+#   warning fails the build (see build-module.sh).
+#
+# No checkpatch message type is ignored. Should one ever have to be, add it
+# to IGNORE below with the reason it does not apply to this tree.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+CACHE=$ROOT/.cache
+CP_DIR=$CACHE/checkpatch
+CP_STAMP=$CP_DIR/done
+
+CHECK_DIRS=(common driver store catalogue dynamic access include sim)
+SPARSE_TARGETS=(x86_64-6.1 arm64-5.10)
+IGNORE=()
+
+log() { echo "lint: $*" >&2; }
+
+fetch_checkpatch() {
+	[ -f "$CP_STAMP" ] && return 0
+	mkdir -p "$CACHE"
+	exec 9>"$CP_DIR.lock"
+	flock 9
+	[ -f "$CP_STAMP" ] && return 0
+
+	local sudo=() apt_opts=() ver="" deb="" tarball try
+	if [ "$(id -u)" -eq 0 ]; then
+		apt_opts=(-o APT::Sandbox::User=root)
+	else
+		sudo=(sudo)
+	fi
+	mkdir -p "$CACHE/debs"
+	# A second try, after refreshing the package lists, covers a package
+	# unknown to apt or a version already gone from the mirror.
+	for try in 1 2; do
+		if [ $try -eq 2 ]; then
+			"${sudo[@]}" apt-get update -q >&2 </dev/null
+		fi
+		ver=$(apt-cache policy linux-source-6.1 2>/dev/null |
+			awk '/Candidate:/ { print $2 }')
+		[ -n "$ver" ] && [ "$ver" != "(none)" ] || continue
+		deb=$CACHE/debs/linux-source-6.1_${ver/*:/}_all.deb
+		[ -s "$deb" ] && break
+		log "downloading linux-source-6.1=$ver (for checkpatch.pl)"
+		(cd "$CACHE/debs" && apt-get download -q "${apt_opts[@]}" \
+			"linux-source-6.1=$ver" >&2 </dev/null) && [ -s "$deb" ] &&
+			break
+		deb=""
+	done
+	[ -n "$deb" ] || { log "cannot download linux-source-6.1"; exit 1; }
+
+	# checkpatch.pl reads its word lists from its own directory.
+	log "extracting checkpatch.pl from $deb"
+	rm -rf "$CP_DIR"
+	mkdir -p "$CP_DIR"
+	tarball=./usr/src/linux-source-6.1.tar.xz
+	dpkg-deb --fsys-tarfile "$deb" | tar -xO "$tarball" | xz -dc |
+		tar -x -C "$CP_DIR" --strip-components=2 \
+			linux-source-6.1/scripts/checkpatch.pl \
+			linux-source-6.1/scripts/spelling.txt \
+			linux-source-6.1/scripts/const_structs.checkpatch
+	[ -x "$CP_DIR/checkpatch.pl" ] ||
+		{ log "no checkpatch.pl in $deb"; exit 1; }
+	echo "linux-source-6.1 $ver" >"$CP_STAMP"
+	rm -f "$deb"
+}
+
+run_checkpatch() {
+	fetch_checkpatch
+	local dirs=() files=() d out status=0
+	for d in "${CHECK_DIRS[@]}"; do
+		[ -d "$ROOT/$d" ] && dirs+=("$d")
+	done
+	if [ ${#dirs[@]} -gt 0 ]; then
+		mapfile -t files < <(cd "$ROOT" &&
+			find "${dirs[@]}" -type f \( -name '*.c' -o -name '*.h' \) |
+			sort)
+	fi
+	if [ ${#files[@]} -eq 0 ]; then
+		log "checkpatch: no sources to check"
+		return 0
+	fi
+	local ignore=()
+	[ ${#IGNORE[@]} -eq 0 ] || ignore=(--ignore "$(IFS=,; echo "${IGNORE[*]}")")
+
+	log "checkpatch ($(cut -d' ' -f2 "$CP_STAMP")) on ${#files[@]} files"
+	# checkpatch's exit status covers errors and warnings; CHECKs are
+	# failures here too, so its report is read as well.
+	out=$(cd "$ROOT" && "$CP_DIR/checkpatch.pl" --strict --no-tree \
+		--quiet --show-types --no-summary "${ignore[@]}" \
+		-f "${files[@]}" 2>&1) || status=$?
+	# In a git work tree checkpatch caches the CamelCase names of
+	# include/ in the current directory; it is no part of the tree.
+	rm -f "$ROOT"/.checkpatch-camelcase.*
+	if [ -n "$out" ]; then
+		echo "$out"
+	fi
+	if [ $status -ne 0 ] || grep -qE '^(ERROR|WARNING|CHECK):' <<<"$out"; then
+		log "checkpatch: FAILED"
+		return 1
+	fi
+	log "checkpatch: clean"
+}
+
+run_sparse() {
+	local t
+	command -v sparse >/dev/null ||
+		{ log "sparse not installed (run scripts/setup.sh)"; exit 1; }
+	for t in "${SPARSE_TARGETS[@]}"; do
+		log "sparse against $t"
+		"$ROOT/scripts/build-module.sh" "$t" C=2
+	done
+	log "sparse: clean"
+}
+
+steps=("$@")
+[ ${#steps[@]} -gt 0 ] || steps=(checkpatch sparse)
+rc=0
+for s in "${steps[@]}"; do
+	case $s in
+	checkpatch) run_checkpatch || rc=1 ;;
+	sparse) run_sparse || rc=1 ;;
+	*) log "unknown step $s"; exit 2 ;;
+	esac
+done
+exit $rc
