@@ -1,0 +1,90 @@
+# SPDX-License-Identifier: GPL-2.0
+#
+# Human-facing targets. The module's object list lives in Kbuild; this file
+# only drives builds, tests and checks. Downloads go to .cache/ (kept by
+# "make clean"), build products to build/.
+#
+#   make module [TARGET=arm64-5.10|arm64-6.1|x86_64-6.1]
+#                        build/TARGET/drv_user_cfg.ko, W=1, no warnings
+#   make modules         the module for every target
+#   make host            host test bed (build/host) and its tests
+#   make lint            checkpatch --strict and sparse
+#   make check           everything CI runs
+#   make image [TARGET]  fetch the target's kernel image for the VM
+#   make demo            the module at work in a VM (not available yet)
+#   make clean           remove build/; "make distclean" also .cache/
+
+TARGETS := arm64-5.10 arm64-6.1 x86_64-6.1
+TARGET ?= arm64-5.10
+JOBS ?= 2
+
+ifeq ($(filter $(TARGET),$(TARGETS)),)
+$(error unknown TARGET '$(TARGET)'; choose one of: $(TARGETS))
+endif
+
+# Kbuild's verbosity, passed through when given (make module V=1).
+KBUILD_ARGS := $(if $(V),V=$(V))
+
+.DEFAULT_GOAL := module
+.PHONY: module modules host lint check setup image demo clean distclean help \
+	$(addprefix module-,$(TARGETS))
+
+module: module-$(TARGET)
+
+modules: $(addprefix module-,$(TARGETS))
+
+$(addprefix module-,$(TARGETS)): module-%:
+	scripts/build-module.sh $* $(KBUILD_ARGS)
+
+host:
+	@test -f tests/host/CMakeLists.txt || { \
+		echo "make host: tests/host/CMakeLists.txt does not exist" >&2; \
+		exit 1; }
+	cmake -S tests/host -B build/host
+	cmake --build build/host -j$(JOBS)
+	cd build/host && ctest --output-on-failure -j$(JOBS)
+
+lint:
+	scripts/lint.sh
+
+setup:
+	scripts/setup.sh
+
+image:
+	scripts/fetch-kernel.sh $(TARGET) image
+
+# Every stage runs even when an earlier one failed, so that one CI run shows
+# all that is wrong; the exit status is non-zero if any stage failed.
+CHECK_STAGES := host modules lint
+# VM stage: add "vm" here once tests/vm/ has its harness (it will fetch the
+# kernel image with "make image" itself).
+
+check: setup
+	@failed=""; \
+	for s in $(CHECK_STAGES); do \
+		echo "=== make check: $$s ==="; \
+		start=$$(date +%s); \
+		if $(MAKE) --no-print-directory $$s; then \
+			echo "=== make check: $$s passed ($$(( $$(date +%s) - start )) s) ==="; \
+		else \
+			echo "=== make check: $$s FAILED ===" >&2; \
+			failed="$$failed $$s"; \
+		fi; \
+	done; \
+	if [ -n "$$failed" ]; then \
+		echo "make check: FAILED:$$failed" >&2; exit 1; \
+	fi; \
+	echo "make check: all stages passed ($(CHECK_STAGES))"
+
+demo:
+	@echo "make demo: not available yet (booting the target kernel under QEMU comes with the VM harness)" >&2
+	@exit 2
+
+clean:
+	rm -rf build
+
+distclean: clean
+	rm -rf .cache
+
+help:
+	@sed -n '3,16s/^# \{0,1\}//p' Makefile
