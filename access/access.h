@@ -7,6 +7,7 @@
 #ifndef UCFG_ACCESS_H
 #define UCFG_ACCESS_H
 
+#include <linux/compiler.h>
 #include <linux/types.h>
 
 #include "uapi/user_cfg.h"
@@ -14,6 +15,20 @@
 /* The entries accept at most this many devices. */
 #define USER_CFG_DEV_NUM_MAX	2U
 
+struct file;
+
 int devdrv_config_get_dev_num(u32 *dev_num);
+
+int devdrv_user_config_op(struct user_cfg_para *para, int cmd,
+			  struct user_cfg_para __user *user_para);
+int whitelist_process_handler(const char **name_list, u32 name_num);
+int devdrv_config_ioctl(struct file *file, unsigned int cmd,
+			unsigned long arg);
+
+int hal_kernel_get_user_config(u32 device_id, const char *item_name,
+			       u8 *data, u32 size, u32 *out_len);
+int hal_kernel_set_user_config(u32 device_id, const char *item_name,
+			       u8 *data, u32 size);
+int devdrv_config_clear_user_item(u32 device_id, int cfg_index);
 
 #endif /* UCFG_ACCESS_H */

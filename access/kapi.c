@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Item functions for other kernel modules: read and write by name, clear
+ * of a static item by index. The callers are trusted: there is no
+ * capability or whitelist check on this path. The device's flash lock is
+ * taken around the flash work only, so these calls are serialised with the
+ * ioctl requests of the same device.
+ */
+#include <linux/delay.h>
+#include <linux/errno.h>
+#include <linux/export.h>
+
+#include "common/bounded.h"
+#include "common/log.h"
+#include "access/access.h"
+#include "catalogue/catalogue.h"
+#include "dynamic/dynamic.h"
+#include "store/store.h"
+
+/* A writer waits this long after each write attempt, outside the lock. */
+#define HAL_KERNEL_SET_DELAY_MS	100
+
+static int devdrv_config_check_kpara(u32 device_id, const char *item_name,
+				     const u8 *data, u32 size)
+{
+	u32 dev_num = 0;
+	int ret;
+
+	if (!item_name || !data || size == 0 || size > USER_CFG_BUF_MAX) {
+		UCFG_ERR("invalid param. (device_id=%u; item_name=%d; data=%d; size=%d)\n",
+			 device_id, item_name ? 1 : 0, data ? 1 : 0, size);
+		return -EINVAL;
+	}
+	ret = devdrv_config_get_dev_num(&dev_num);
+	if (ret != 0 || dev_num > USER_CFG_DEV_NUM_MAX) {
+		UCFG_ERR("Get device num failed. (device_id=%u; dev_num=%u; ret=%d)\n",
+			 device_id, dev_num, ret);
+		return -EINVAL;
+	}
+	if (device_id >= dev_num) {
+		UCFG_ERR("The device id is incorrect. (device_id=%u)\n",
+			 device_id);
+		return -EINVAL;
+	}
+	return 0;
+}
+
+/* Fills para for a name-based request; returns the catalogue index. */
+static int devdrv_config_build_kpara(struct user_cfg_para *para,
+				     u32 device_id, const char *item_name,
+				     u32 size)
+{
+	int index, ret;
+
+	memset(para, 0, sizeof(*para));
+	para->device_id = device_id;
+	para->buf_size = size;
+	ret = strcpy_s(para->name, sizeof(para->name), item_name);
+	if (ret != 0) {
+		UCFG_ERR("strcpy_s failed. (device_id=%u; ret=%d)\n", device_id,
+			 ret);
+		return -EINVAL;
+	}
+	index = devdrv_get_config_index_by_name(para->name);
+	if (index < -1) {
+		UCFG_ERR("The devdrv_get_config_index_by_name failed. (ret=%d)\n",
+			 index);
+		return index;
+	}
+	para->cfg_index = index;
+	return 0;
+}
+
+int hal_kernel_get_user_config(u32 device_id, const char *item_name,
+			       u8 *data, u32 size, u32 *out_len)
+{
+	struct user_cfg_para para;
+	int ret;
+
+	ret = devdrv_config_check_kpara(device_id, item_name, data, size);
+	if (ret != 0)
+		return ret;
+	if (!out_len) {
+		UCFG_ERR("Invalid param. (device_id=%u; out_len=%d)\n", device_id,
+			 0);
+		return -EINVAL;
+	}
+	ret = devdrv_config_build_kpara(&para, device_id, item_name, size);
+	if (ret != 0)
+		return ret;
+
+	devdrv_config_mutex_lock(device_id);
+	if (para.cfg_index >= 0) {
+		*out_len = size;
+		ret = devdrv_get_user_config_core(device_id, para.cfg_index, data,
+						  out_len);
+		if (ret != 0)
+			UCFG_ERR("The devdrv get static item failed. (cfg_index=%d; ret=%d)\n",
+				 para.cfg_index, ret);
+	} else {
+		ret = devdrv_kernel_get_config_dynamic(&para, data, size,
+						       out_len);
+		if (ret != 0)
+			UCFG_WARN("Can't get dynamic item. (ret=%d)\n", ret);
+	}
+	devdrv_config_mutex_unlock(device_id);
+	return ret;
+}
+EXPORT_SYMBOL(hal_kernel_get_user_config);
+
+int hal_kernel_set_user_config(u32 device_id, const char *item_name,
+			       u8 *data, u32 size)
+{
+	struct user_cfg_para para;
+	int ret;
+
+	ret = devdrv_config_check_kpara(device_id, item_name, data, size);
+	if (ret != 0)
+		return ret;
+	ret = devdrv_config_build_kpara(&para, device_id, item_name, size);
+	if (ret != 0)
+		return ret;
+
+	devdrv_config_mutex_lock(device_id);
+	if (para.cfg_index >= 0) {
+		ret = devdrv_config_update(device_id, para.cfg_index, data, size,
+					   1);
+		if (ret != 0)
+			UCFG_ERR("The devdrv set static item failed. (cfg_index=%d; ret=%d)\n",
+				 para.cfg_index, ret);
+	} else {
+		ret = devdrv_kernel_set_config_dynamic(&para, data, size);
+		if (ret != 0)
+			UCFG_ERR("The devdrv set dynamic item failed. (ret=%d)\n",
+				 ret);
+	}
+	devdrv_config_mutex_unlock(device_id);
+	msleep(HAL_KERNEL_SET_DELAY_MS);
+	return ret;
+}
+EXPORT_SYMBOL(hal_kernel_set_user_config);
+
+static int devdrv_config_user_item_op(u32 device_id, int cfg_index)
+{
+	static const u8 zero_byte;
+	struct user_cfg_para para = { 0 };
+	int ret;
+
+	if (device_id > UCFG_WRITE_DEV_MAX) {
+		UCFG_ERR("Input parameter is incorrect. (device_id=%u)\n",
+			 device_id);
+		return -EINVAL;
+	}
+	para.device_id = device_id;
+	para.cmd = USER_CFG_CMD_CLEAR;
+	para.cfg_index = cfg_index;
+	para.buf = (uintptr_t)&zero_byte;
+
+	devdrv_config_mutex_lock(device_id);
+	ret = devdrv_user_config_op(&para, USER_CFG_CMD_CLEAR, NULL);
+	if (ret != 0)
+		UCFG_ERR("The devdrv_user_config_op failed. (device_id=%u; ret=%d)\n",
+			 device_id, ret);
+	devdrv_config_mutex_unlock(device_id);
+	return ret;
+}
+
+/*
+ * Clears static item cfg_index of device 0 or 1 back to its default. An
+ * index outside the catalogue names the dynamic item with the empty name.
+ */
+int devdrv_config_clear_user_item(u32 device_id, int cfg_index)
+{
+	int ret;
+
+	ret = devdrv_config_user_item_op(device_id, cfg_index);
+	if (ret < 0) {
+		UCFG_ERR("The devdrv_config_user_item_op failed. (device_id=%u; ret=%d)\n",
+			 device_id, ret);
+		return ret;
+	}
+	return 0;
+}
+EXPORT_SYMBOL(devdrv_config_clear_user_item);

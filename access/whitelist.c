@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Process whitelist: is the calling process one of the trusted daemons?
+ *
+ * Two independent stages: the file name of the caller's executable must be
+ * in the list the caller of the check passes in, and then the caller's real
+ * user id, executable name and full executable path must together match a
+ * row of the fixed table below. The superuser gets no pass.
+ *
+ * The executable is the file the caller's memory map was executed from,
+ * not the task's command name, which any thread can change. That file is
+ * pinned by a counted reference for the whole check, so it cannot be
+ * released or replaced while its name and path are read, and the name is
+ * read from a snapshot of its directory entry, which a concurrent rename
+ * cannot tear.
+ */
+#define UCFG_LOG_TAG "whitelist"
+
+#include <linux/cred.h>
+#include <linux/dcache.h>
+#include <linux/err.h>
+#include <linux/errno.h>
+#include <linux/export.h>
+#include <linux/file.h>
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/path.h>
+#include <linux/sched.h>
+#include <linux/string.h>
+#include <linux/vmalloc.h>
+
+#include "common/compat.h"
+#include "common/log.h"
+#include "access/access.h"
+
+#define WHITELIST_NAME_NUM_MAX	50U
+#define WHITELIST_PATH_LEN	4096
+
+struct whitelist_daemon {
+	u32 uid;
+	const char *name;
+	const char *path;
+};
+
+static const struct whitelist_daemon whitelist_daemons[] = {
+	{ 1101, "devmgr_daemon", "/var/devmgr_daemon" },
+	{ 1000, "sched_daemon", "/var/sched_daemon" },
+};
+
+/* The caller's executable, pinned for the duration of one check. */
+struct whitelist_exe {
+	struct file *file;
+	struct name_snapshot name;
+	bool named;
+};
+
+static int whitelist_pin_exe(struct whitelist_exe *exe)
+{
+	struct mm_struct *mm = current->active_mm;
+
+	if (exe->file)
+		return 0;
+	if (!mm) {
+		UCFG_ERR("The active_mm parameter is NULL.\n");
+		return -1;
+	}
+	exe->file = ucfg_get_mm_exe_file(mm);
+	if (!exe->file) {
+		UCFG_ERR("The exe_file parameter is NULL.\n");
+		return -1;
+	}
+	return 0;
+}
+
+static void whitelist_release_exe(struct whitelist_exe *exe)
+{
+	if (exe->named)
+		release_dentry_name_snapshot(&exe->name);
+	if (exe->file)
+		fput(exe->file);
+}
+
+static int whitelist_get_cur_process_name(struct whitelist_exe *exe,
+					  const char **name, u32 *len)
+{
+	struct dentry *dentry;
+
+	if (whitelist_pin_exe(exe) != 0)
+		return -1;
+	dentry = exe->file->f_path.dentry;
+	if (!dentry) {
+		UCFG_ERR("The exe_file f_path_dentry is NULL.\n");
+		return -1;
+	}
+	if (exe->named)
+		release_dentry_name_snapshot(&exe->name);
+	take_dentry_name_snapshot(&exe->name, dentry);
+	exe->named = true;
+	*name = (const char *)exe->name.name.name;
+	*len = (u32)strlen(*name);
+	return 0;
+}
+
+static int whitelist_check_process_name(struct whitelist_exe *exe,
+					const char **name_list, u32 name_num)
+{
+	const char *name = NULL;
+	u32 len = 0, i;
+	int ret;
+
+	ret = whitelist_get_cur_process_name(exe, &name, &len);
+	if (ret != 0) {
+		UCFG_ERR("The whitelist_get_cur_process_name failed. (ret=%d)\n",
+			 ret);
+		return -1;
+	}
+	if (!name) {
+		UCFG_ERR("Current process file point is NULL.\n");
+		return -1;
+	}
+	for (i = 0; i < name_num; i++) {
+		if (strlen(name_list[i]) == len &&
+		    memcmp(name_list[i], name, len) == 0)
+			return 0;
+	}
+	UCFG_ERR("Process name not in whitelist.\n");
+	return -1;
+}
+
+static int whitelist_get_current_path(struct whitelist_exe *exe, char *buf,
+				      const char **path)
+{
+	char *res;
+
+	if (whitelist_pin_exe(exe) != 0)
+		return -1;
+	res = d_path(&exe->file->f_path, buf, WHITELIST_PATH_LEN);
+	if (IS_ERR_OR_NULL(res)) {
+		UCFG_ERR("The res is err or null. (errno=%ld)\n",
+			 res ? PTR_ERR(res) : 0L);
+		return -1;
+	}
+	*path = res;
+	return 0;
+}
+
+static int whitelist_match_uid_path(const char *name, const char *path)
+{
+	u32 uid = __kuid_val(current_uid());
+	size_t i;
+
+	for (i = 0; i < ARRAY_SIZE(whitelist_daemons); i++) {
+		const struct whitelist_daemon *d = &whitelist_daemons[i];
+
+		if (uid != d->uid)
+			continue;
+		if (strcmp(name, d->name) == 0 && strcmp(path, d->path) == 0)
+			return 0;
+		break;
+	}
+	UCFG_ERR("match fail. (proc name=\"%s\";path=\"%s\";uid=%u)\n",
+		 name, path, uid);
+	return -ENXIO;
+}
+
+static int whitelist_check_process_info(struct whitelist_exe *exe)
+{
+	const char *name = NULL, *path = NULL;
+	u32 len = 0;
+	char *buf;
+	int ret;
+
+	/* A fresh read of the name, from the same pinned file. */
+	ret = whitelist_get_cur_process_name(exe, &name, &len);
+	if (ret != 0) {
+		UCFG_ERR("The whitelist_get_cur_process_name failed. (ret=%d)\n",
+			 ret);
+		return ret;
+	}
+	buf = vzalloc(WHITELIST_PATH_LEN);
+	if (!buf) {
+		UCFG_ERR("File path vmalloc failed.\n");
+		return -1;
+	}
+	ret = whitelist_get_current_path(exe, buf, &path);
+	if (ret == 0)
+		ret = whitelist_match_uid_path(name, path);
+	vfree(buf);
+	return ret;
+}
+
+/*
+ * 0 when the calling process passes; -1 for a bad argument, an executable
+ * that cannot be determined or a name not in name_list; -ENXIO when no row
+ * of the daemon table matches.
+ */
+int whitelist_process_handler(const char **name_list, u32 name_num)
+{
+	struct whitelist_exe exe = { 0 };
+	u32 i;
+	int ret;
+
+	if (!name_list || name_num > WHITELIST_NAME_NUM_MAX) {
+		UCFG_ERR("List name para is incorrect. (name_num=%u)\n", name_num);
+		return -1;
+	}
+	for (i = 0; i < name_num; i++) {
+		if (!name_list[i]) {
+			UCFG_ERR("Input process name is NULL. (i=%u)\n", i);
+			return -1;
+		}
+	}
+
+	ret = whitelist_check_process_name(&exe, name_list, name_num);
+	if (ret != 0) {
+		UCFG_ERR("The whitelist_check_process_name failed. (ret=%d)\n", -1);
+		ret = -1;
+		goto release;
+	}
+	ret = whitelist_check_process_info(&exe);
+	if (ret != 0)
+		UCFG_ERR("The whitelist_check_process_info failed. (ret=%d)\n", ret);
+
+release:
+	whitelist_release_exe(&exe);
+	return ret;
+}
+EXPORT_SYMBOL(whitelist_process_handler);

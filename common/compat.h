@@ -1,0 +1,36 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Differences between the kernel versions the module is built for (5.10,
+ * the target, and 6.x). Version tests live here and nowhere else.
+ */
+#ifndef UCFG_COMMON_COMPAT_H
+#define UCFG_COMMON_COMPAT_H
+
+#include <linux/version.h>
+#include <linux/fs.h>
+#include <linux/mm_types.h>
+#include <linux/rcupdate.h>
+
+/*
+ * A counted reference to the executable file of mm, or NULL. The file
+ * stays valid until fput() even if the task execs or the mm drops it.
+ * get_mm_exe_file() is not exported to modules on every version, so the
+ * reference is taken here the way it does it.
+ */
+static inline struct file *ucfg_get_mm_exe_file(struct mm_struct *mm)
+{
+	struct file *exe;
+
+	rcu_read_lock();
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 7, 0)
+	exe = get_file_rcu(&mm->exe_file);
+#else
+	exe = rcu_dereference(mm->exe_file);
+	if (exe && !get_file_rcu(exe))
+		exe = NULL;
+#endif
+	rcu_read_unlock();
+	return exe;
+}
+
+#endif /* UCFG_COMMON_COMPAT_H */
