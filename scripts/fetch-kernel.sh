@@ -107,7 +107,6 @@ ensure_arch() {
 	log "dpkg --add-architecture $1"
 	"${SUDO[@]}" dpkg --add-architecture "$1"
 	UPDATED=0
-	apt_update
 }
 
 # bullseye is reached through the same mirror as the machine's own bookworm
@@ -134,7 +133,6 @@ ensure_bullseye() {
 	printf '%s\nSuites: bullseye\n' "$stanza" |
 		"${SUDO[@]}" tee "$BULLSEYE_LIST" >/dev/null
 	UPDATED=0
-	apt_update
 }
 
 # Download package[:arch]=version into the .deb cache unless present; the
