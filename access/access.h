@@ -10,6 +10,7 @@
 #include <linux/compiler.h>
 #include <linux/types.h>
 
+#include "drv_user_cfg.h"
 #include "uapi/user_cfg.h"
 
 /* The entries accept at most this many devices. */
@@ -21,14 +22,7 @@ int devdrv_config_get_dev_num(u32 *dev_num);
 
 int devdrv_user_config_op(struct user_cfg_para *para, int cmd,
 			  struct user_cfg_para __user *user_para);
-int whitelist_process_handler(const char **name_list, u32 name_num);
 int devdrv_config_ioctl(struct file *file, unsigned int cmd,
 			unsigned long arg);
-
-int hal_kernel_get_user_config(u32 device_id, const char *item_name,
-			       u8 *data, u32 size, u32 *out_len);
-int hal_kernel_set_user_config(u32 device_id, const char *item_name,
-			       u8 *data, u32 size);
-int devdrv_config_clear_user_item(u32 device_id, int cfg_index);
 
 #endif /* UCFG_ACCESS_H */

@@ -12,6 +12,8 @@
 
 #include <linux/types.h>
 
+#include "drv_user_cfg.h"
+
 #define USER_CFG_ITEM_NUM	6
 #define USER_CFG_BOARD_ANY	(-1)
 
@@ -41,7 +43,6 @@ struct user_cfg_item_desc {
 
 extern const struct user_cfg_item_desc user_cfg_version_1[USER_CFG_ITEM_NUM];
 
-int devdrv_get_config_index_by_name(const char *name);
 int devdrv_config_get_default(const struct user_cfg_item_desc *row, u8 *buf,
 			      u32 *buf_size);
 int devdrv_config_get_default_dts_cpu_config(u8 *buf, u32 *buf_size,
@@ -49,8 +50,6 @@ int devdrv_config_get_default_dts_cpu_config(u8 *buf, u32 *buf_size,
 int ddr_ecc_enable_check_para(u32 selector, const u8 *value);
 int ssh_status_check_para(u32 selector, const u8 *value);
 
-int devdrv_get_user_config_core(u32 dev_id, int cfg_index, u8 *buf,
-				u32 *buf_size);
 int devdrv_config_get_cpu_cfg(u32 dev_id, u8 *buf, u32 buf_size);
 
 #endif /* UCFG_CATALOGUE_H */

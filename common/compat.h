@@ -7,6 +7,7 @@
 #define UCFG_COMMON_COMPAT_H
 
 #include <linux/version.h>
+#include <linux/device.h>
 #include <linux/fs.h>
 #include <linux/mm_types.h>
 #include <linux/rcupdate.h>
@@ -32,5 +33,19 @@ static inline struct file *ucfg_get_mm_exe_file(struct mm_struct *mm)
 	rcu_read_unlock();
 	return exe;
 }
+
+/* class_create() lost its owner argument in 6.4. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 4, 0)
+#define ucfg_class_create(name) class_create(name)
+#else
+#define ucfg_class_create(name) class_create(THIS_MODULE, name)
+#endif
+
+/* The class devnode hook takes a const device from 6.2 on. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 2, 0)
+#define UCFG_DEVNODE_CONST const
+#else
+#define UCFG_DEVNODE_CONST
+#endif
 
 #endif /* UCFG_COMMON_COMPAT_H */

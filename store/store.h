@@ -17,6 +17,8 @@
 #include <linux/vmalloc.h>
 #include <linux/gfp.h>
 
+#include "drv_user_cfg.h"
+
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
 #error "the on-flash records are little-endian and are used in place"
 #endif
@@ -164,8 +166,6 @@ void devdrv_config_mutex_unlock(u32 dev_id);
 bool devdrv_config_mutex_held(u32 dev_id);
 
 /* Signature type. */
-int devdrv_config_get_pss_cfg(u32 dev_id, u32 *sign);
-int devdrv_config_set_pss_cfg(u32 dev_id, u32 sign);
 int devdrv_config_pss_cfg_init(u32 sign);
 void devdrv_config_pss_cfg_uninit(void);
 
