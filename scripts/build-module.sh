@@ -114,6 +114,9 @@ fi
 if grep -qiE '(^|[^a-z_])(warning|error):' "$LOG"; then
 	echo "build-module[$TARGET]: FAILED: warnings (log $LOG):" >&2
 	grep -iE '(^|[^a-z_])(warning|error):' "$LOG" >&2
+	# The objects were produced all the same; without them the next run
+	# compiles (and warns) again instead of passing on stale objects.
+	find "$OUT" \( -name '*.o' -o -name '*.ko' \) -delete
 	exit 1
 fi
 [ -f "$OUT/drv_user_cfg.ko" ] || {
