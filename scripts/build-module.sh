@@ -21,11 +21,8 @@ TARGET=${1:?usage: build-module.sh TARGET [make arguments...]}
 shift
 
 # The directories mirrored into the build tree: those of drv_user_cfg.ko and
-# sim/, the stand-in sibling modules (built first, beside it, when present).
+# sim/, the stand-in sibling modules, built first into build/TARGET/sim/.
 MODULE_SOURCES=(Kbuild include common driver store catalogue dynamic access sim)
-
-# What the secure-flash sibling exports, for builds without sim/ (below).
-SEC_FLASH_EXPORTS=(sec_flash_read sec_flash_write)
 
 case $TARGET in
 arm64-5.10 | arm64-6.1)
@@ -82,27 +79,22 @@ kbuild() {
 }
 
 # drv_user_cfg.ko calls the secure-flash sibling directly, so modpost needs
-# that module's symbol versions. sim/ provides a stand-in sibling whose
-# Module.symvers is the right one for the VM. Without it, a symbol list with
-# zero checksums lets the build (and so the warning check) complete, but such
-# a .ko is refused by a kernel with symbol versioning: it is for checking
-# the code only.
-if [ -f "$OUT/sim/Kbuild" ] || [ -f "$OUT/sim/Makefile" ]; then
-	rc=0
-	kbuild "$OUT/sim" "$@" || rc=$?
-	if [ $rc -ne 0 ]; then
-		echo "build-module[$TARGET]: FAILED in sim/ (log $LOG)" >&2
-		exit $rc
-	fi
-	SYMVERS=$OUT/sim/Module.symvers
-else
-	SYMVERS=$OUT/siblings.symvers
-	for sym in "${SEC_FLASH_EXPORTS[@]}"; do
-		printf '0x00000000\t%s\tsec_flash\tEXPORT_SYMBOL\t\n' "$sym"
-	done >"$SYMVERS"
-	echo "build-module[$TARGET]: no sim/ build: sibling symbols unversioned" |
-		tee -a "$LOG"
+# that module's exports and their symbol versions: the stand-in siblings of
+# sim/ are built first and their Module.symvers is handed on. A .ko linked
+# against made-up versions would be refused by a kernel with symbol
+# versioning, so there is no way around it.
+if [ ! -f "$OUT/sim/Kbuild" ]; then
+	echo "build-module[$TARGET]: sim/Kbuild missing: the sibling modules" \
+		"provide symbols drv_user_cfg.ko links against" >&2
+	exit 1
 fi
+rc=0
+kbuild "$OUT/sim" "$@" || rc=$?
+if [ $rc -ne 0 ]; then
+	echo "build-module[$TARGET]: FAILED in sim/ (log $LOG)" >&2
+	exit $rc
+fi
+SYMVERS=$OUT/sim/Module.symvers
 
 rc=0
 kbuild "$OUT" KBUILD_EXTRA_SYMBOLS="$SYMVERS" "$@" || rc=$?
