@@ -9,6 +9,7 @@
 #include <linux/delay.h>
 #include <linux/errno.h>
 #include <linux/export.h>
+#include <linux/string.h>
 
 #include "common/bounded.h"
 #include "common/log.h"
