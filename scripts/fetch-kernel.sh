@@ -49,9 +49,10 @@ if done_already; then
 	cat "$STAMP"
 	exit 0
 fi
-# One fetch per target at a time; whoever waited finds it done.
+# One fetch at a time, whatever the target: apt's lists and sources are
+# shared (make -j modules). Whoever waited may find the work done.
 mkdir -p "$TDIR"
-exec 9>"$TDIR.lock"
+exec 9>"$CACHE/apt.lock"
 flock 9
 if done_already; then
 	cat "$STAMP"

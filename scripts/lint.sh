@@ -39,7 +39,8 @@ log() { echo "lint: $*" >&2; }
 fetch_checkpatch() {
 	[ -f "$CP_STAMP" ] && return 0
 	mkdir -p "$CACHE"
-	exec 9>"$CP_DIR.lock"
+	# Shared with fetch-kernel.sh: one apt user at a time.
+	exec 9>"$CACHE/apt.lock"
 	flock 9
 	[ -f "$CP_STAMP" ] && return 0
 
