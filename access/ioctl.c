@@ -28,7 +28,7 @@
 #include "catalogue/catalogue.h"
 #include "store/store.h"
 
-static const char *devdrv_config_whitelist[] = { "devmgr_daemon" };
+static const char *const devdrv_config_whitelist[] = { "devmgr_daemon" };
 
 static int check_config_para(const struct user_cfg_para *para)
 {

@@ -102,7 +102,8 @@ static int whitelist_get_cur_process_name(struct whitelist_exe *exe,
 }
 
 static int whitelist_check_process_name(struct whitelist_exe *exe,
-					const char **name_list, u32 name_num)
+					const char *const *name_list,
+					u32 name_num)
 {
 	const char *name = NULL;
 	u32 len = 0, i;
@@ -194,7 +195,7 @@ static int whitelist_check_process_info(struct whitelist_exe *exe)
  * that cannot be determined or a name not in name_list; -ENXIO when no row
  * of the daemon table matches.
  */
-int whitelist_process_handler(const char **name_list, u32 name_num)
+int whitelist_process_handler(const char *const *name_list, u32 name_num)
 {
 	struct whitelist_exe exe = { 0 };
 	u32 i;

@@ -43,7 +43,7 @@ static u8 log_flg;
  */
 static int dev_user_cfg_parse_cpu_num(u32 dev_id, char *buf, u32 *count)
 {
-	long first = 0, last = 0;
+	long first, last;
 	char *p = buf, *c;
 	u32 i;
 
@@ -67,11 +67,9 @@ static int dev_user_cfg_parse_cpu_num(u32 dev_id, char *buf, u32 *count)
 		return 0;
 	}
 	*c = '\0';
-	/* Base 0, as the cpuset writer may use 0x or leading-0 numbers. */
-	if (sscanf(p, "%li", &first) != 1)
-		first = 0;
-	if (sscanf(c + 1, "%li", &last) != 1)
-		last = 0;
+	/* Base 0: a 0x prefix reads hexadecimal, a leading 0 octal. */
+	first = simple_strtol(p, NULL, 0);
+	last = simple_strtol(c + 1, NULL, 0);
 	*count = (u32)last - (u32)first + 1;
 	return 0;
 }
@@ -150,6 +148,7 @@ static int dev_user_cfg_init_cpu_info(u32 dev_num)
 		rec->aicpu_os_sched = 1;
 		UCFG_INFO("Get the cpu_num. (dev_id=%u; cpu_num=%d)\n", i, num);
 	}
+	/* Pairs with the acquire in dev_user_cfg_get_cpu_number(). */
 	smp_store_release(&g_cpu_nums_cfg_flg, 1);
 	return 0;
 }
@@ -178,6 +177,7 @@ int dev_user_cfg_get_cpu_number(u32 dev_id,
 		return ret != 0 ? ret : -EINVAL;
 	}
 
+	/* Pairs with the release in dev_user_cfg_init_cpu_info(). */
 	if (!smp_load_acquire(&g_cpu_nums_cfg_flg)) {
 		ret = dev_user_cfg_init_cpu_info(min(dev_num, CPU_TABLE_DEV_NUM));
 		if (ret != 0) {

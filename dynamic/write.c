@@ -321,7 +321,7 @@ static int devdrv_config_update_item_dynamic(const struct user_cfg_para *para,
 {
 	int ret;
 
-	UCFG_INFO("devdrv_config_update_item_dynamic START. new_size=%d, old_size=%d\n",
+	UCFG_INFO("%s START. new_size=%d, old_size=%d\n", __func__,
 		  para->buf_size, ctx->item_head->item_bytes);
 	if (para->buf_size == ctx->item_head->item_bytes) {
 		ret = devdrv_config_check_item_content(ctx);

@@ -27,7 +27,7 @@ int devdrv_get_user_config_core(u32 dev_id, int cfg_index, u8 *buf,
 				u32 *buf_size);
 
 /* 0 when the calling process is one of the trusted daemons. */
-int whitelist_process_handler(const char **name_list, u32 name_num);
+int whitelist_process_handler(const char *const *name_list, u32 name_num);
 
 /* The system-wide signature type, 0 or 1. */
 int devdrv_config_get_pss_cfg(u32 dev_id, u32 *sign);

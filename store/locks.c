@@ -45,7 +45,7 @@ void devdrv_config_mutex_lock(u32 dev_id)
 void devdrv_config_mutex_unlock(u32 dev_id)
 {
 	if (dev_id >= UCFG_LOCK_DEV_NUM) {
-		UCFG_ERR("Device id error for devdrv_config_mutex_unlock. (device_id=%u)\n",
+		UCFG_ERR("Device id error for %s. (device_id=%u)\n", __func__,
 			 dev_id);
 		return;
 	}
@@ -67,7 +67,7 @@ bool devdrv_config_mutex_held(u32 dev_id)
  */
 static struct {
 	u32 sign;
-	struct mutex sign_mutex;
+	struct mutex sign_mutex;	/* guards sign only */
 } g_sign_type = {
 	.sign_mutex = __MUTEX_INITIALIZER(g_sign_type.sign_mutex),
 };

@@ -37,11 +37,12 @@ struct user_cfg_para {
 #define USER_CFG_IOC_DTS_CPU	_IOR(USER_CFG_IOC_MAGIC, 4, __u32)
 
 /* The record is wire format: its size and every offset are fixed. */
-#ifdef __cplusplus
-#define USER_CFG_ASSERT(e, m) static_assert(e, m)
-#else
-#define USER_CFG_ASSERT(e, m) _Static_assert(e, m)
+#if defined(__KERNEL__)
+#include <linux/build_bug.h>
+#elif !defined(__cplusplus)
+#include <assert.h>
 #endif
+#define USER_CFG_ASSERT(e, m) static_assert(e, m)
 USER_CFG_ASSERT(sizeof(struct user_cfg_para) == 56, "record is 56 bytes");
 USER_CFG_ASSERT(__builtin_offsetof(struct user_cfg_para, cmd) == 4, "cmd");
 USER_CFG_ASSERT(__builtin_offsetof(struct user_cfg_para, cfg_index) == 8,
