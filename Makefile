@@ -8,6 +8,7 @@
 #                        build/TARGET/drv_user_cfg.ko, W=1, no warnings
 #   make modules         the module for every target
 #   make host            host test bed (build/host) and its tests
+#   make tools           the ucfg client (build/tools) and its tests
 #   make lint            checkpatch --strict and sparse
 #   make check           everything CI runs
 #   make image [TARGET]  fetch the target's kernel image for the VM
@@ -26,7 +27,8 @@ endif
 KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
-.PHONY: module modules host lint check setup image demo clean distclean help \
+.PHONY: module modules host tools tools-arm64 lint check setup image demo \
+	clean distclean help \
 	$(addprefix module-,$(TARGETS))
 
 module: module-$(TARGET)
@@ -44,6 +46,18 @@ host:
 	cmake --build build/host -j$(JOBS)
 	cd build/host && ctest --output-on-failure -j$(JOBS)
 
+# The user-space client and its unit tests; tools-arm64 is the static
+# binary that runs inside the test VM.
+tools:
+	cmake -S tools -B build/tools
+	cmake --build build/tools -j$(JOBS)
+	cd build/tools && ctest --output-on-failure -j$(JOBS)
+
+tools-arm64:
+	cmake -S tools -B build/tools-arm64 \
+		-DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
+	cmake --build build/tools-arm64 -j$(JOBS)
+
 lint:
 	scripts/lint.sh
 
@@ -55,7 +69,7 @@ image:
 
 # Every stage runs even when an earlier one failed, so that one CI run shows
 # all that is wrong; the exit status is non-zero if any stage failed.
-CHECK_STAGES := host modules lint
+CHECK_STAGES := host tools modules lint
 # VM stage: add "vm" here once tests/vm/ has its harness (it will fetch the
 # kernel image with "make image" itself).
 
