@@ -54,21 +54,24 @@ struct whitelist_exe {
 	bool named;
 };
 
+#define WHITELIST_NO_MM		1
+#define WHITELIST_NO_EXE_FILE	2
+
+/*
+ * 0 once the executable is pinned, else which link to it is missing. The
+ * caller reports it, so that the message names the step that needed it.
+ */
 static int whitelist_pin_exe(struct whitelist_exe *exe)
 {
 	struct mm_struct *mm = current->active_mm;
 
 	if (exe->file)
 		return 0;
-	if (!mm) {
-		UCFG_ERR("The active_mm parameter is NULL.\n");
-		return -1;
-	}
+	if (!mm)
+		return WHITELIST_NO_MM;
 	exe->file = ucfg_get_mm_exe_file(mm);
-	if (!exe->file) {
-		UCFG_ERR("The exe_file parameter is NULL.\n");
-		return -1;
-	}
+	if (!exe->file)
+		return WHITELIST_NO_EXE_FILE;
 	return 0;
 }
 
@@ -85,8 +88,14 @@ static int whitelist_get_cur_process_name(struct whitelist_exe *exe,
 {
 	struct dentry *dentry;
 
-	if (whitelist_pin_exe(exe) != 0)
+	switch (whitelist_pin_exe(exe)) {
+	case WHITELIST_NO_MM:
+		UCFG_ERR("The active_mm parameter is NULL.\n");
 		return -1;
+	case WHITELIST_NO_EXE_FILE:
+		UCFG_ERR("The exe_file parameter is NULL.\n");
+		return -1;
+	}
 	dentry = exe->file->f_path.dentry;
 	if (!dentry) {
 		UCFG_ERR("The exe_file f_path_dentry is NULL.\n");
@@ -133,8 +142,14 @@ static int whitelist_get_current_path(struct whitelist_exe *exe, char *buf,
 {
 	char *res;
 
-	if (whitelist_pin_exe(exe) != 0)
+	switch (whitelist_pin_exe(exe)) {
+	case WHITELIST_NO_MM:
+		UCFG_ERR("The active_mm parameter is NULL.\n");
 		return -1;
+	case WHITELIST_NO_EXE_FILE:
+		UCFG_ERR("The exe_file parameter is NULL.\n");
+		return -1;
+	}
 	res = d_path(&exe->file->f_path, buf, WHITELIST_PATH_LEN);
 	if (IS_ERR_OR_NULL(res)) {
 		UCFG_ERR("The res is err or null. (errno=%ld)\n",
