@@ -26,10 +26,23 @@
 #define unlikely(x)	__builtin_expect(!!(x), 0)
 #define barrier()	__asm__ __volatile__("" : : : "memory")
 
-#define READ_ONCE(x)	(*(const volatile __typeof__(x) *)&(x))
+/*
+ * The kernel's marked accesses, as relaxed atomics: single accesses that
+ * the compiler neither tears nor merges, and that ThreadSanitizer, like the
+ * kernel's own race detector, does not count as data races.
+ */
+#define READ_ONCE(x)	__atomic_load_n(&(x), __ATOMIC_RELAXED)
 #define WRITE_ONCE(x, val)						\
 	do {								\
-		*(volatile __typeof__(x) *)&(x) = (val);		\
+		__typeof__(x) _wo_val = (val);				\
+		__atomic_store_n(&(x), _wo_val, __ATOMIC_RELAXED);	\
+	} while (0)
+/* asm/barrier.h: one-way barriers on a single access. */
+#define smp_load_acquire(p)	__atomic_load_n((p), __ATOMIC_ACQUIRE)
+#define smp_store_release(p, v)						\
+	do {								\
+		__typeof__(*(p)) _sr_val = (v);				\
+		__atomic_store_n((p), _sr_val, __ATOMIC_RELEASE);	\
 	} while (0)
 
 #endif
