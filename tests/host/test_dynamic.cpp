@@ -673,3 +673,149 @@ TEST_F(Dynamic, ContentLengthsAndCallerBuffers)
 	EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 100), pattern(100, 9));
 	EXPECT_EQ(buf[100], 0xee);
 }
+
+TEST_F(Dynamic, OddHeadImages)
+{
+	ASSERT_EQ(kset(0, "x", pattern(10, 1)), 0);
+	ASSERT_EQ(kset(0, "y", pattern(20, 2)), 0);
+	ASSERT_EQ(kset(0, "z", pattern(30, 3)), 0);
+	const model::Snapshot good = model::snapshot();
+
+	// A head_len that is not whole records is cut to whole records by the
+	// lookup, and a later write carries the cut value.
+	edit_heads(0, [](user_cfg_head_blk &h) { h.head_len = 3 * 52 + 10; });
+	EXPECT_EQ(kget(0, "z").data, pattern(30, 3));
+	ASSERT_EQ(kset(0, "w", pattern(40, 4)), 0);
+	EXPECT_EQ(head(0).head_len, 4u * 52);
+	EXPECT_EQ(head(0, 32).head_len, 4u * 52);
+	// The rebuild and the sync refuse such a head before touching flash.
+	{
+		user_cfg_head_blk h = head(0);
+		h.head_len = 100;
+		tb::flash::mark();
+		EXPECT_EQ(devdrv_config_rebuild_item_content(0, reinterpret_cast<u8 *>(&h), nullptr),
+			  -EINVAL);
+		h.head_len = 53;
+		EXPECT_EQ(devdrv_config_sync_main_backup(0, reinterpret_cast<u8 *>(&h), 1, 2),
+			  -EINVAL);
+		EXPECT_EQ(tb::flash::reads_since_mark() + tb::flash::writes_since_mark(), 0u);
+	}
+
+	// More than 1,099 records: every dynamic operation refuses.
+	edit_heads(0, [](user_cfg_head_blk &h) { h.head_len = 1100 * 52; });
+	EXPECT_EQ(kget(0, "x").rc, -ENOSPC);
+	EXPECT_EQ(kset(0, "x", pattern(10, 9)), -ENOSPC);
+	EXPECT_EQ(kset(0, "new", pattern(10, 9)), -ENOSPC);
+	EXPECT_EQ(model::store::clear(0, "x"), -ENOSPC);
+
+	// A record that fails the head check: reads and same-length writes
+	// report the check's result; the other items are unaffected.
+	struct Bad {
+		const char *what;
+		std::function<void(user_cfg_item_head &)> poke;
+		int rc;
+	};
+	const Bad bads[] = {
+		{"block 32", [](user_cfg_item_head &r) { r.blk_offset = 32; }, -EINVAL},
+		{"32,769 bytes", [](user_cfg_item_head &r) { r.item_bytes = 32769; }, -EINVAL},
+		{"offset 65,536", [](user_cfg_item_head &r) { r.item_offset = 65536; }, -EINVAL},
+		{"slot ends at 65,535",
+		 [](user_cfg_item_head &r) { r.item_offset = 65535 - 32 - 10 + 1; }, -EINVAL},
+		{"authority 3", [](user_cfg_item_head &r) { r.authority_flg = 3; }, -EACCES},
+		{"authority 3 and block 40",
+		 [](user_cfg_item_head &r) { r.authority_flg = 3; r.blk_offset = 40; }, -EINVAL},
+	};
+	for (const Bad &b : bads) {
+		SCOPED_TRACE(b.what);
+		model::restore(good);
+		edit_heads(0, [&](user_cfg_head_blk &h) { b.poke(h.item_head[0]); });
+		EXPECT_EQ(kget(0, "x").rc, b.rc);
+		// A write of the recorded length checks the record; another
+		// length rewrites it first.
+		const u32 len = head(0).item_head[0].item_bytes;
+		if (len <= kMax) {
+			EXPECT_EQ(kset(0, "x", pattern(len, 5)), b.rc);
+		}
+		EXPECT_EQ(kget(0, "y").data, pattern(20, 2));
+	}
+
+	// Duplicate names: the first record of the name decides.
+	model::restore(good);
+	edit_heads(0, [](user_cfg_head_blk &h) {
+		std::strcpy(h.item_head[1].name, "x");	// y's slot, named x
+	});
+	EXPECT_EQ(kget(0, "x").data, pattern(10, 1));
+	ASSERT_EQ(kset(0, "x", pattern(10, 6)), 0);
+	EXPECT_EQ(kget(0, "x").data, pattern(10, 6));
+	EXPECT_EQ(slot_of(0, 2, 42, 20), slot_image(pattern(20, 2)));	// second untouched
+	// A first record not in use hides the second: absent, and a write
+	// takes that first free record back.
+	edit_heads(0, [](user_cfg_head_blk &h) { h.item_head[0].valid_flg = 0; });
+	EXPECT_EQ(kget(0, "x").rc, -ENOENT);
+	ASSERT_EQ(kset(0, "x", pattern(5, 7)), 0);
+	EXPECT_EQ(head(0).head_len, 3u * 52);
+	EXPECT_EQ(head(0).item_head[0].valid_flg, 1u);
+	EXPECT_EQ(kget(0, "x").data, pattern(5, 7));
+	EXPECT_EQ(model::check_flash(0), "");
+}
+
+// ---------------------------------------------------------------------------
+// Random sets, clears and gets of dynamic items from 0 to 32,768 bytes,
+// through the device file, the kernel wrapper and (for empty content) the
+// store's write itself, checked against the reference model after every
+// step. Large sizes dominate so that the blocks fill, records are reused
+// and the content blocks are rebuilt several times per run. With fewer
+// names than content blocks a packed store always has a free block, so no
+// write may run out of space.
+TEST_F(Dynamic, RandomSequencesAgainstTheModel)
+{
+	u32 total_rebuilds = 0, steps = 0;
+	for (u32 seed : {1u, 2u, 3u}) {
+		tb::reset();
+		model::store::become_daemon();
+		std::mt19937 rng(seed);
+		model::Model m;
+		std::vector<std::string> names;
+		for (u32 i = 0; i < 26; i++)
+			names.push_back("r" + std::to_string(i));
+		names.push_back(std::string(32, 'q'));
+		for (u32 step = 0; step < 300; step++, steps++) {
+			const std::string &name = names[rng() % names.size()];
+			const u32 pick = rng() % 100;
+			std::string where = "seed " + std::to_string(seed) + " step " +
+					    std::to_string(step) + " '" + name + "': ";
+			if (pick < 30) {
+				model::Result r = (rng() % 2) ? kget(0, name) : model::store::get(0, name);
+				ASSERT_EQ(m.observe(0, name, r), "") << where;
+				continue;
+			}
+			if (pick < 45) {
+				std::vector<model::Value> a = m.allowed(0, name);
+				int want = !a[0] ? -ENOENT : a[0]->empty() ? -EINVAL : 0;
+				ASSERT_EQ(model::store::clear(0, name), want) << where << "clear";
+				if (want == 0)
+					m.put(0, name, std::nullopt);
+			} else {
+				const u32 band = rng() % 100;
+				const u32 len = band < 8 ? 0 : band < 30 ? kMax : band < 40 ? 1 :
+						band < 55 ? 1 + rng() % 256 : 16384 + rng() % 16384;
+				const Bytes v = pattern(len, rng());
+				int rc;
+				if (len == 0)
+					rc = dset(0, name, v);
+				else if (rng() % 2 && name.size() < 32)
+					rc = kset(0, name, v);
+				else
+					rc = model::store::set(0, name, v);
+				ASSERT_EQ(rc, 0) << where << "set of " << len;
+				m.put(0, name, v);
+			}
+			ASSERT_EQ(model::check_flash(0), "") << where;
+		}
+		ASSERT_EQ(model::check_all(m, 0), "") << "seed " << seed;
+		total_rebuilds += static_cast<u32>(rebuilds());
+	}
+	EXPECT_GE(total_rebuilds, 3u);
+	RecordProperty("steps", static_cast<int>(steps));
+	RecordProperty("rebuilds", static_cast<int>(total_rebuilds));
+}
