@@ -8,6 +8,7 @@
 #                        build/TARGET/drv_user_cfg.ko, W=1, no warnings
 #   make modules         the module for every target
 #   make host            host test bed (build/host) and its tests
+#   make tsan, make fuzz concurrency tests under TSan; the ioctl fuzzer
 #   make tools           the ucfg client (build/tools) and its tests
 #   make lint            checkpatch --strict and sparse
 #   make check           everything CI runs
@@ -27,7 +28,8 @@ endif
 KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
-.PHONY: module modules host tools tools-arm64 lint check setup image demo \
+.PHONY: module modules host tsan fuzz tools tools-arm64 lint check setup \
+	image demo \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS))
 
@@ -45,6 +47,15 @@ host:
 	cmake -S tests/host -B build/host
 	cmake --build build/host -j$(JOBS)
 	cd build/host && ctest --output-on-failure -j$(JOBS)
+
+# The concurrency tests under ThreadSanitizer (build/host-tsan), and the
+# ioctl fuzzer under ASan/UBSan for FUZZ_SECONDS (build/host-fuzz).
+FUZZ_SECONDS ?= 30
+tsan:
+	JOBS=$(JOBS) tests/host/run-tsan.sh
+
+fuzz:
+	JOBS=$(JOBS) tests/host/run-fuzz.sh $(FUZZ_SECONDS)
 
 # The user-space client and its unit tests; tools-arm64 is the static
 # binary that runs inside the test VM.
@@ -69,7 +80,7 @@ image:
 
 # Every stage runs even when an earlier one failed, so that one CI run shows
 # all that is wrong; the exit status is non-zero if any stage failed.
-CHECK_STAGES := host tools modules lint
+CHECK_STAGES := host tsan fuzz tools modules lint
 # VM stage: add "vm" here once tests/vm/ has its harness (it will fetch the
 # kernel image with "make image" itself).
 
