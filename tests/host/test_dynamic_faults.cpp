@@ -8,7 +8,7 @@
 // devices holds exactly what it held.
 //
 // The operations that rebuild the content blocks make about a hundred
-// transfers each; they are swept at every third point (deterministically,
+// transfers each; they are swept at every fifth point (deterministically,
 // starting at the first) to keep the run short, all others at every point.
 #include "model.h"
 
@@ -111,7 +111,7 @@ TEST_P(DynamicFaults, EveryWriteAndRead)
 				 "block space is not enough, rebuild content and try again") - rb0,
 		  k.full_store ? 1u : 0u);
 	ASSERT_GT(cost.writes, 0u);
-	const u32 stride = k.full_store ? 3 : 1;
+	const u32 stride = k.full_store ? 5 : 1;
 
 	struct Plan {
 		model::FaultKind kind;
