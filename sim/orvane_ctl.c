@@ -3,6 +3,9 @@
  * Stand-in control module for tests: reports the device count and the
  * device tree's CPU numbers. The values are module parameters, writable at
  * run time through /sys/module/orvane_ctl/parameters/.
+ *
+ * The functions are looked up with __symbol_get(), which current kernels
+ * (5.10 stable included) resolve only for GPL-only exports.
  */
 #include <linux/module.h>
 #include <linux/moduleparam.h>
@@ -34,7 +37,7 @@ int orvane_ctl_get_dev_num(u32 *num)
 		*num = READ_ONCE(dev_num);
 	return dev_num_ret;
 }
-EXPORT_SYMBOL(orvane_ctl_get_dev_num);
+EXPORT_SYMBOL_GPL(orvane_ctl_get_dev_num);
 
 int orvane_ctl_get_dts_cpu_cfg_to_user_cfg(u32 *ctrl, u32 *data, u32 *ai)
 {
@@ -45,7 +48,7 @@ int orvane_ctl_get_dts_cpu_cfg_to_user_cfg(u32 *ctrl, u32 *data, u32 *ai)
 	}
 	return dts_cpu_ret;
 }
-EXPORT_SYMBOL(orvane_ctl_get_dts_cpu_cfg_to_user_cfg);
+EXPORT_SYMBOL_GPL(orvane_ctl_get_dts_cpu_cfg_to_user_cfg);
 
 MODULE_DESCRIPTION("stand-in control module for drv_user_cfg tests");
 MODULE_LICENSE("GPL");
