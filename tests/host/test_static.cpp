@@ -206,7 +206,7 @@ TEST_P(EveryItem, SetReadClearReadDefault)
 	EXPECT_EQ(fl::block(1, 0), Image(fl::kBlockSize, 0xff)) << "device 1 untouched";
 }
 
-INSTANTIATE_TEST_SUITE_P(Catalogue, EveryItem, ::testing::Range(0, 6),
+INSTANTIATE_TEST_SUITE_P(Static, EveryItem, ::testing::Range(0, 6),
 	[](const ::testing::TestParamInfo<int> &p) { return std::string(kRows[p.param].name); });
 
 // A record's valid byte decides: only 1 means stored.
