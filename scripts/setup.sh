@@ -22,7 +22,7 @@ PACKAGES=(
 	# lint
 	sparse
 	# VM harness
-	device-tree-compiler qemu-system-arm
+	device-tree-compiler qemu-system-arm cpio
 )
 
 SUDO=()

@@ -6,8 +6,14 @@
  * Only the 4 MiB window that holds the user configuration exists; any
  * transfer outside it, or of a device the stand-in does not have, fails.
  * Fresh flash reads as 0xff.
+ *
+ * debugfs: /sys/kernel/debug/sec_flash/devN is device N's window, block b
+ * at offset b * 64 KiB, readable and writable, so tests can inspect the
+ * copies and damage them at rest.
  */
+#include <linux/debugfs.h>
 #include <linux/errno.h>
+#include <linux/fs.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
 #include <linux/string.h>
@@ -21,6 +27,7 @@
 
 static u8 *sec_flash_area[SEC_FLASH_DEV_NUM];
 static DEFINE_MUTEX(sec_flash_lock);
+static struct dentry *sec_flash_debugfs;
 
 static u8 *sec_flash_window(u32 dev_id, u32 offset, u32 len)
 {
@@ -58,6 +65,39 @@ int sec_flash_write(u32 dev_id, u32 offset, u8 *buf, u32 len)
 }
 EXPORT_SYMBOL(sec_flash_write);
 
+static ssize_t sec_flash_area_read(struct file *file, char __user *buf,
+				   size_t count, loff_t *ppos)
+{
+	u8 *area = file_inode(file)->i_private;
+	ssize_t ret;
+
+	mutex_lock(&sec_flash_lock);
+	ret = simple_read_from_buffer(buf, count, ppos, area,
+				      SEC_FLASH_WIN_SIZE);
+	mutex_unlock(&sec_flash_lock);
+	return ret;
+}
+
+static ssize_t sec_flash_area_write(struct file *file, const char __user *buf,
+				    size_t count, loff_t *ppos)
+{
+	u8 *area = file_inode(file)->i_private;
+	ssize_t ret;
+
+	mutex_lock(&sec_flash_lock);
+	ret = simple_write_to_buffer(area, SEC_FLASH_WIN_SIZE, ppos, buf,
+				     count);
+	mutex_unlock(&sec_flash_lock);
+	return ret;
+}
+
+static const struct file_operations sec_flash_area_fops = {
+	.owner = THIS_MODULE,
+	.read = sec_flash_area_read,
+	.write = sec_flash_area_write,
+	.llseek = default_llseek,
+};
+
 static void sec_flash_free(void)
 {
 	u32 i;
@@ -80,11 +120,21 @@ static int __init sec_flash_init(void)
 		}
 		memset(sec_flash_area[i], 0xff, SEC_FLASH_WIN_SIZE);
 	}
+	sec_flash_debugfs = debugfs_create_dir("sec_flash", NULL);
+	for (i = 0; i < SEC_FLASH_DEV_NUM; i++) {
+		char name[8];
+
+		snprintf(name, sizeof(name), "dev%u", i);
+		debugfs_create_file_size(name, 0600, sec_flash_debugfs,
+					 sec_flash_area[i], &sec_flash_area_fops,
+					 SEC_FLASH_WIN_SIZE);
+	}
 	return 0;
 }
 
 static void __exit sec_flash_exit(void)
 {
+	debugfs_remove_recursive(sec_flash_debugfs);
 	sec_flash_free();
 }
 
