@@ -208,49 +208,34 @@ static int devdrv_get_user_config_dynamic(struct user_cfg_para *para,
 	int ret;
 
 	ctx.dev_id = para->device_id;
-	ctx.head_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.head_blk) {
-		UCFG_ERR("Ka_vmalloc head block failed.\n");
+	ret = devdrv_config_ctx_alloc(&ctx);
+	if (ret != 0) {
+		UCFG_ERR("Ka_vmalloc %s failed.\n",
+			 devdrv_config_ctx_buf_name[ret]);
 		return -ENOMEM;
-	}
-	ctx.content_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.content_blk) {
-		UCFG_ERR("Ka_vmalloc content block failed.\n");
-		ret = -ENOMEM;
-		goto free_head;
-	}
-	ctx.content_buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
-	if (!ctx.content_buf) {
-		UCFG_ERR("Ka_vmalloc content buf failed.\n");
-		ret = -ENOMEM;
-		goto free_content_blk;
 	}
 
 	ret = devdrv_config_get_item_dynamic(para, &ctx);
 	if (ret == -ENOENT) {
 		UCFG_WARN("The getting item is not set before. (ret=%d)\n", ret);
-		goto free_content_buf;
+		goto free_ctx;
 	}
 	if (ret != 0) {
 		UCFG_ERR("The devdrv_config_get_item_dynamic failed. (ret=%d)\n",
 			 ret);
-		goto free_content_buf;
+		goto free_ctx;
 	}
 	ret = devdrv_config_copy_data_to_user(para, &ctx, user_para);
 	if (ret != 0) {
 		UCFG_ERR("The devdrv_config_copy_data_to_user failed. (ret=%d)\n",
 			 ret);
-		goto free_content_buf;
+		goto free_ctx;
 	}
 	UCFG_INFO("The devdrv_get_usr_config_dynamic success. (device_id=%u)\n",
 		  para->device_id);
 
-free_content_buf:
-	vfree(ctx.content_buf);
-free_content_blk:
-	vfree(ctx.content_blk);
-free_head:
-	vfree(ctx.head_blk);
+free_ctx:
+	devdrv_config_ctx_free(&ctx);
 	return ret;
 }
 

@@ -15,6 +15,14 @@
 #include "store/store.h"
 #include "uapi/user_cfg.h"
 
+/* Which buffer of a work record could not be taken, and its name. */
+#define UCFG_CTX_NO_HEAD_BLK	1
+#define UCFG_CTX_NO_CONTENT_BLK	2
+#define UCFG_CTX_NO_CONTENT_BUF	3
+extern const char *const devdrv_config_ctx_buf_name[];
+int devdrv_config_ctx_alloc(struct user_cfg_op_ctx *ctx);
+void devdrv_config_ctx_free(struct user_cfg_op_ctx *ctx);
+
 int devdrv_get_usr_cfg_name_info(struct user_cfg_op_ctx *ctx,
 				 const char *name);
 int devdrv_config_get_item_dynamic(const struct user_cfg_para *para,

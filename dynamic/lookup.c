@@ -18,6 +18,56 @@
 #include "dynamic/dynamic.h"
 #include "store/store.h"
 
+const char *const devdrv_config_ctx_buf_name[] = {
+	[UCFG_CTX_NO_HEAD_BLK] = "head block",
+	[UCFG_CTX_NO_CONTENT_BLK] = "content block",
+	[UCFG_CTX_NO_CONTENT_BUF] = "content buf",
+};
+
+/*
+ * Takes the three buffers of a work record, zero-filled, in the order head
+ * image, content image, content buffer. Returns 0, or which one could not
+ * be taken (UCFG_CTX_NO_*) with those taken before it freed again, so the
+ * caller can name the failed buffer in its own step's message.
+ */
+int devdrv_config_ctx_alloc(struct user_cfg_op_ctx *ctx)
+{
+	int missing;
+
+	ctx->head_blk = ka_vmalloc(UCFG_BLK_SIZE);
+	if (!ctx->head_blk)
+		return UCFG_CTX_NO_HEAD_BLK;
+	ctx->content_blk = ka_vmalloc(UCFG_BLK_SIZE);
+	if (!ctx->content_blk) {
+		missing = UCFG_CTX_NO_CONTENT_BLK;
+		goto free_head;
+	}
+	ctx->content_buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
+	if (!ctx->content_buf) {
+		missing = UCFG_CTX_NO_CONTENT_BUF;
+		goto free_content_blk;
+	}
+	return 0;
+
+free_content_blk:
+	vfree(ctx->content_blk);
+	ctx->content_blk = NULL;
+free_head:
+	vfree(ctx->head_blk);
+	ctx->head_blk = NULL;
+	return missing;
+}
+
+void devdrv_config_ctx_free(struct user_cfg_op_ctx *ctx)
+{
+	vfree(ctx->content_buf);
+	vfree(ctx->content_blk);
+	vfree(ctx->head_blk);
+	ctx->content_buf = NULL;
+	ctx->content_blk = NULL;
+	ctx->head_blk = NULL;
+}
+
 int devdrv_get_usr_cfg_name_info(struct user_cfg_op_ctx *ctx,
 				 const char *name)
 {
@@ -197,37 +247,23 @@ int devdrv_kernel_get_config_dynamic(const struct user_cfg_para *para,
 	int ret;
 
 	ctx.dev_id = para->device_id;
-	ctx.head_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.head_blk) {
-		UCFG_ERR("Ka_vmalloc head block failed. (device_id=%u)\n",
-			 ctx.dev_id);
+	ret = devdrv_config_ctx_alloc(&ctx);
+	if (ret != 0) {
+		UCFG_ERR("Ka_vmalloc %s failed. (device_id=%u)\n",
+			 devdrv_config_ctx_buf_name[ret], ctx.dev_id);
 		return -ENOMEM;
-	}
-	ctx.content_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.content_blk) {
-		UCFG_ERR("Ka_vmalloc content block failed. (device_id=%u)\n",
-			 ctx.dev_id);
-		ret = -ENOMEM;
-		goto free_head;
-	}
-	ctx.content_buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
-	if (!ctx.content_buf) {
-		UCFG_ERR("Ka_vmalloc content buf failed. (device_id=%u)\n",
-			 ctx.dev_id);
-		ret = -ENOMEM;
-		goto free_content_blk;
 	}
 
 	ret = devdrv_config_get_item_dynamic(para, &ctx);
 	if (ret == -ENOENT) {
 		UCFG_WARN("The getting item is not set before. (device_id=%u; ret=%d)\n",
 			  ctx.dev_id, ret);
-		goto free_content_buf;
+		goto free_ctx;
 	}
 	if (ret != 0) {
 		UCFG_ERR("The devdrv_config_get_item_dynamic failed. (device_id=%u; ret=%d)\n",
 			 ctx.dev_id, ret);
-		goto free_content_buf;
+		goto free_ctx;
 	}
 
 	ret = memcpy_s(buf, buf_len, ctx.content_buf, ctx.content_size);
@@ -235,15 +271,11 @@ int devdrv_kernel_get_config_dynamic(const struct user_cfg_para *para,
 		UCFG_ERR("The memcpy_s failed. (device_id=%u; ret=%d)\n",
 			 ctx.dev_id, ret);
 		ret = -EINVAL;
-		goto free_content_buf;
+		goto free_ctx;
 	}
 	*out_len = ctx.content_size;
 
-free_content_buf:
-	vfree(ctx.content_buf);
-free_content_blk:
-	vfree(ctx.content_blk);
-free_head:
-	vfree(ctx.head_blk);
+free_ctx:
+	devdrv_config_ctx_free(&ctx);
 	return ret;
 }

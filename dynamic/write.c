@@ -403,25 +403,11 @@ int devdrv_kernel_set_config_dynamic(const struct user_cfg_para *para,
 	ctx.dev_id = para->device_id;
 	ctx.content_size = para->buf_size;
 	ctx.head_idx = -1;
-	ctx.head_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.head_blk) {
-		UCFG_ERR("Ka_vmalloc head block failed. (device_id=%u)\n",
-			 ctx.dev_id);
+	ret = devdrv_config_ctx_alloc(&ctx);
+	if (ret != 0) {
+		UCFG_ERR("Ka_vmalloc %s failed. (device_id=%u)\n",
+			 devdrv_config_ctx_buf_name[ret], ctx.dev_id);
 		return -ENOMEM;
-	}
-	ctx.content_blk = ka_vmalloc(UCFG_BLK_SIZE);
-	if (!ctx.content_blk) {
-		UCFG_ERR("Ka_vmalloc content block failed. (device_id=%u)\n",
-			 ctx.dev_id);
-		ret = -ENOMEM;
-		goto free_head;
-	}
-	ctx.content_buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
-	if (!ctx.content_buf) {
-		UCFG_ERR("Ka_vmalloc content buf failed. (device_id=%u)\n",
-			 ctx.dev_id);
-		ret = -ENOMEM;
-		goto free_content_blk;
 	}
 
 	ret = memcpy_s(ctx.content_buf, ctx.content_size, data, len);
@@ -429,7 +415,7 @@ int devdrv_kernel_set_config_dynamic(const struct user_cfg_para *para,
 		UCFG_ERR("The memcpy_s failed. (device_id=%u; ret=%d)\n",
 			 ctx.dev_id, ret);
 		ret = -EINVAL;
-		goto free_content_buf;
+		goto free_ctx;
 	}
 
 	ret = devdrv_config_set_item_dynamic(para, &ctx);
@@ -440,11 +426,7 @@ int devdrv_kernel_set_config_dynamic(const struct user_cfg_para *para,
 		UCFG_NOTICE("Set dynamic cfg item success. (device_id=%u)\n",
 			    ctx.dev_id);
 
-free_content_buf:
-	vfree(ctx.content_buf);
-free_content_blk:
-	vfree(ctx.content_blk);
-free_head:
-	vfree(ctx.head_blk);
+free_ctx:
+	devdrv_config_ctx_free(&ctx);
 	return ret;
 }
