@@ -1,0 +1,175 @@
+# SPDX-License-Identifier: GPL-2.0
+#
+# Shared by run.sh and demo.sh: builds everything the VM needs for one
+# target and boots it. Source it, then call vm_prepare TARGET and vm_boot.
+#
+# Products in build/vm/TARGET/: kmod/ (the test module), rootfs/ and
+# initrd.gz, virt.dts (QEMU's own tree), ucfg.dtb (plus the module's node)
+# and ucfg-partial.dtb (the node without "data_cpu_num").
+
+VM_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+VM_DIR=$VM_ROOT/tests/vm
+VM_CACHE=$VM_ROOT/.cache
+VM_SMP=4
+VM_MEM=3G
+# Board id register and boot configuration register: bit 5 set together
+# with other bits for the main boot, bit 5 alone clear for the other.
+VM_BOARD_ID=0x00001234
+VM_BOOT_CFG_SET=0xfffffffe
+VM_BOOT_CFG_CLEAR=0xffffffdf
+
+vm_log() { echo "vm[$VM_TARGET]: $*"; }
+vm_die() { echo "vm[$VM_TARGET]: FAILED: $*" >&2; exit 1; }
+
+# vm_prepare TARGET: modules, test programs, initramfs and device trees.
+vm_prepare() {
+	VM_TARGET=$1
+	VM_OUT=$VM_ROOT/build/vm/$VM_TARGET
+	mkdir -p "$VM_OUT" "$VM_CACHE/debs"
+	"$VM_DIR/setup.sh" >"$VM_OUT/setup.log" 2>&1 ||
+		{ cat "$VM_OUT/setup.log"; vm_die "setup"; }
+
+	VM_VMLINUZ=$("$VM_ROOT/scripts/fetch-kernel.sh" "$VM_TARGET" image | tail -n1)
+	VM_KVER=$(basename "$VM_VMLINUZ" | sed 's/^vmlinuz-//')
+	local kdir
+	kdir=$("$VM_ROOT/scripts/fetch-kernel.sh" "$VM_TARGET" headers | tail -n1)
+
+	"$VM_ROOT/scripts/build-module.sh" "$VM_TARGET" >"$VM_OUT/build.log" 2>&1 ||
+		{ tail -n 30 "$VM_OUT/build.log"; vm_die "module build"; }
+
+	# The test module links against drv_user_cfg's exports.
+	local kmod=$VM_OUT/kmod
+	mkdir -p "$kmod"
+	rsync -a "$VM_DIR/kmod/" "$kmod/"
+	(unset MAKEFLAGS MFLAGS MAKELEVEL MAKEOVERRIDES
+	 make -C "$kdir" M="$kmod" ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu- \
+		CC=aarch64-linux-gnu-gcc W=1 UCFG_ROOT="$VM_ROOT" \
+		KBUILD_EXTRA_SYMBOLS="$VM_ROOT/build/$VM_TARGET/Module.symvers $VM_ROOT/build/$VM_TARGET/sim/Module.symvers" \
+		modules) >"$VM_OUT/kmod.log" 2>&1 ||
+		{ cat "$VM_OUT/kmod.log"; vm_die "test module build"; }
+	if grep -qiE '(^|[^a-z_])(warning|error):' "$VM_OUT/kmod.log"; then
+		cat "$VM_OUT/kmod.log"
+		vm_die "test module build warnings"
+	fi
+
+	# In-VM programs, static for arm64; rebuilt when a source changed.
+	local vmtest=$VM_OUT/vmtest
+	if [ ! -x "$vmtest" ] || [ "$VM_DIR/vmtest.cpp" -nt "$vmtest" ] ||
+		[ "$VM_ROOT/include/uapi/user_cfg.h" -nt "$vmtest" ]; then
+		aarch64-linux-gnu-g++ -std=c++17 -static -O2 -Wall -Wextra -Werror \
+			-I"$VM_ROOT/include" "$VM_DIR/vmtest.cpp" -o "$vmtest" ||
+			vm_die "vmtest build"
+	fi
+	VM_UCFG=
+	if [ -f "$VM_ROOT/tools/CMakeLists.txt" ] &&
+		make -C "$VM_ROOT" --no-print-directory tools-arm64 \
+			>"$VM_OUT/tools.log" 2>&1; then
+		VM_UCFG=$VM_ROOT/build/tools-arm64/ucfg
+	fi
+
+	vm_busybox
+	vm_rootfs
+	vm_dtbs
+}
+
+vm_busybox() {
+	VM_BB=$VM_CACHE/busybox-arm64/bin/busybox
+	[ -x "$VM_BB" ] && return 0
+	local deb
+	deb=$(ls "$VM_CACHE"/debs/busybox-static_*_arm64.deb 2>/dev/null | tail -n1)
+	if [ -z "$deb" ]; then
+		(cd "$VM_CACHE/debs" && apt-get download -q busybox-static:arm64) ||
+			{ apt-get update -q && (cd "$VM_CACHE/debs" &&
+				apt-get download -q busybox-static:arm64); } ||
+			vm_die "cannot download busybox-static:arm64"
+		deb=$(ls "$VM_CACHE"/debs/busybox-static_*_arm64.deb | tail -n1)
+	fi
+	rm -rf "$VM_CACHE/busybox-arm64"
+	dpkg -x "$deb" "$VM_CACHE/busybox-arm64"
+}
+
+vm_rootfs() {
+	local rfs=$VM_OUT/rootfs a
+	local extra=$rfs/lib/modules/$VM_KVER/extra
+	rm -rf "$rfs"
+	mkdir -p "$rfs"/{bin,sbin,proc,sys,dev,tmp,var,etc} "$extra"
+	cp "$VM_BB" "$rfs/bin/busybox"
+	# The applets the init scripts and the tests call.
+	for a in sh mount umount modprobe rmmod insmod lsmod modinfo grep stat cp \
+		chown chmod printf tr sed cat echo poweroff mkdir ls dd cmp dmesg \
+		head tail cut od hexdump sleep wc ln rm id uname test [ true false \
+		env sync find xargs; do
+		ln -sf busybox "$rfs/bin/$a"
+	done
+	cp "$VM_ROOT/build/$VM_TARGET/drv_user_cfg.ko" \
+		"$VM_ROOT/build/$VM_TARGET/sim/sec_flash.ko" \
+		"$VM_ROOT/build/$VM_TARGET/sim/orvane_ctl.ko" \
+		"$VM_OUT/kmod/ucfg_probe.ko" "$extra/"
+	depmod -b "$rfs" "$VM_KVER" 2>/dev/null
+	grep -q 'of:N\*T\*Cvexa-user-cfg' "$rfs/lib/modules/$VM_KVER/modules.alias" ||
+		vm_die "depmod wrote no device-tree alias for drv_user_cfg"
+	cp "$VM_OUT/vmtest" "$rfs/bin/vmtest"
+	[ -n "$VM_UCFG" ] && cp "$VM_UCFG" "$rfs/bin/ucfg"
+	cp "$VM_DIR/init.sh" "$rfs/init"
+	cp "$VM_DIR/demo-init.sh" "$rfs/bin/demo"
+	chmod +x "$rfs/init" "$rfs/bin/demo"
+	(cd "$rfs" && find . | cpio -o -H newc --quiet | gzip -1) >"$VM_OUT/initrd.gz"
+}
+
+# QEMU's own tree for this machine shape, plus the register page reserved
+# away from the kernel and the module's node (complete, or without
+# "data_cpu_num").
+vm_dtbs() {
+	qemu-system-aarch64 -M virt,dumpdtb="$VM_OUT/virt.dtb" -cpu cortex-a57 \
+		-m "$VM_MEM" -smp "$VM_SMP" -nographic -nic none >/dev/null 2>&1 ||
+		vm_die "qemu could not dump its device tree"
+	dtc -q -I dtb -O dts "$VM_OUT/virt.dtb" -o "$VM_OUT/virt.dts"
+	[ "$(tail -n1 "$VM_OUT/virt.dts")" = "};" ] || vm_die "unexpected dts shape"
+	local variant data
+	for variant in full partial; do
+		data="data_cpu_num = <0x02>;"
+		[ $variant = partial ] && data=""
+		{
+			head -n -1 "$VM_OUT/virt.dts"
+			cat <<-DTS
+			reserved-memory {
+				#address-cells = <0x02>;
+				#size-cells = <0x02>;
+				ranges;
+				ucfg_regs@80000000 {
+					reg = <0x00 0x80000000 0x00 0x10000>;
+					no-map;
+				};
+			};
+			user_cfg {
+				compatible = "vexa-user-cfg";
+				ctrl_cpu_num = <0x01>;
+				$data
+				aicpu_num = <0x04>;
+			};
+			};
+			DTS
+		} >"$VM_OUT/ucfg-$variant.dts"
+		dtc -q -I dts -O dtb "$VM_OUT/ucfg-$variant.dts" \
+			-o "$VM_OUT/ucfg-$variant.dtb" || vm_die "dtc $variant"
+	done
+}
+
+# vm_boot MODE DTB-VARIANT BOOT-CFG CONSOLE-FILE TIMEOUT
+# MODE (suite, partial, demo) reaches the init as $ucfgmode.
+vm_boot() {
+	local mode=$1 variant=$2 bootcfg=$3 console=$4 limit=$5
+	timeout "$limit" qemu-system-aarch64 -M virt -cpu cortex-a57 \
+		-m "$VM_MEM" -smp "$VM_SMP" -nographic -nic none -no-reboot \
+		-kernel "$VM_VMLINUZ" -initrd "$VM_OUT/initrd.gz" \
+		-dtb "$VM_OUT/ucfg-$variant.dtb" \
+		-append "console=ttyAMA0 panic_on_warn=1 panic=-1 oops=panic hung_task_panic=1 softlockup_panic=1 loglevel=4 log_buf_len=4M rdinit=/init ucfgmode=$mode" \
+		-device loader,addr=0x8000F07C,data=$VM_BOARD_ID,data-len=4 \
+		-device loader,addr=0x8000E08C,data="$bootcfg",data-len=4 \
+		>"$console" 2>&1 </dev/null
+}
+
+# vm_kernel_clean FILE: no kernel complaint in a console log.
+vm_kernel_clean() {
+	! grep -E 'WARNING:|BUG:|Oops|Call trace|blocked for more than|Kernel panic' "$1"
+}
