@@ -53,11 +53,15 @@ flock 9
 
 # Build products are excluded, which also protects them from --delete; so
 # is everything outside the mirrored directories (logs, symbol lists).
+# Files are compared by content and a changed one gets a fresh time stamp:
+# a source restored to an older time (an editor, a checkout) must still be
+# newer than the object built from its other content, or Kbuild would keep
+# the stale object.
 filters=()
 for s in "${MODULE_SOURCES[@]}"; do
 	filters+=(--include="/$s" --include="/$s/***")
 done
-rsync -a --delete \
+rsync -a --no-times --checksum --delete \
 	--exclude='*.o' --exclude='*.ko' --exclude='*.mod' --exclude='*.mod.c' \
 	--exclude='.*.cmd' --exclude='*.order' --exclude='*.symvers' \
 	--exclude='.*.d' --exclude='*.o.d' --exclude='.tmp_versions' \
