@@ -76,7 +76,10 @@ vm_busybox() {
 	VM_BB=$VM_CACHE/busybox-arm64/bin/busybox
 	[ -x "$VM_BB" ] && return 0
 	local deb
-	deb=$(ls "$VM_CACHE"/debs/busybox-static_*_arm64.deb 2>/dev/null | tail -n1)
+	# Not there yet on a fresh clone: ls fails, which pipefail must not
+	# turn into an exit.
+	deb=$(ls "$VM_CACHE"/debs/busybox-static_*_arm64.deb 2>/dev/null |
+		tail -n1 || true)
 	if [ -z "$deb" ]; then
 		(cd "$VM_CACHE/debs" && apt-get download -q busybox-static:arm64) ||
 			{ apt-get update -q && (cd "$VM_CACHE/debs" &&
