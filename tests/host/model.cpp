@@ -63,6 +63,17 @@ const std::vector<StaticItem> kStatic = {
 	{"ssh_status", 1, Bytes{0x00}},
 };
 
+Bytes pattern(u32 n, u32 seed)
+{
+	Bytes b(n);
+	u32 x = seed * 2654435761u + 1;
+	for (auto &c : b) {
+		x = x * 1103515245u + 12345u;
+		c = static_cast<std::uint8_t>(x >> 16);
+	}
+	return b;
+}
+
 const StaticItem *find_static(const std::string &name)
 {
 	for (const auto &s : kStatic)

@@ -44,6 +44,9 @@ extern const std::vector<StaticItem> kStatic;
 constexpr std::uint8_t kDtsCpu[3] = {3, 5, 9};
 const StaticItem *find_static(const std::string &name);
 
+// n bytes of a deterministic pseudo-random pattern chosen by seed.
+Bytes pattern(u32 n, u32 seed);
+
 // --- The system under test, through its entry points.
 enum class Via { Ioctl, KernelApi };
 struct Result {

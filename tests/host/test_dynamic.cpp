@@ -29,16 +29,7 @@ using model::u32;
 
 constexpr u32 kMax = 32768;
 
-Bytes pattern(u32 n, u32 seed)
-{
-	Bytes b(n);
-	u32 x = seed * 2654435761u + 1;
-	for (auto &c : b) {
-		x = x * 1103515245u + 12345u;
-		c = static_cast<std::uint8_t>(x >> 16);
-	}
-	return b;
-}
+using model::pattern;
 
 user_cfg_para request(u32 dev, const std::string &name, u32 size)
 {
