@@ -178,6 +178,7 @@ void Model::put(u32 dev, const std::string &name, const Value &v)
 {
 	items_[{dev, name}] = {v};
 	ghosts_.erase({dev, name});
+	lost_.erase({dev, name});
 }
 
 void Model::maybe_cleared(u32 dev, const std::string &name)
@@ -191,7 +192,7 @@ void Model::maybe_cleared(u32 dev, const std::string &name)
 void Model::maybe(u32 dev, const std::string &name, const Value &v)
 {
 	auto &a = items_[{dev, name}];
-	if (a.empty())
+	if (a.empty() && !lost_.count({dev, name}))
 		a.push_back(std::nullopt);
 	if (std::find(a.begin(), a.end(), v) == a.end())
 		a.push_back(v);
@@ -207,7 +208,9 @@ std::vector<Value> Model::allowed(u32 dev, const std::string &name) const
 
 void Model::lose(u32 dev, const std::string &name)
 {
-	items_.erase({dev, name});
+	items_[{dev, name}].clear();
+	ghosts_.erase({dev, name});
+	lost_.insert({dev, name});
 }
 
 std::string Model::observe(u32 dev, const std::string &name, const Result &r,
@@ -216,6 +219,12 @@ std::string Model::observe(u32 dev, const std::string &name, const Result &r,
 	const StaticItem *s = find_static(name);
 	std::vector<Value> allow = allowed(dev, name);
 
+	tally().checks++;
+	if (r.rc != 0 && lost_.count({dev, name})) {
+		lost_reads_++;
+		tally().lost_reads++;
+		return "";
+	}
 	for (const Value &v : allow) {
 		bool match;
 		if (s) {
@@ -225,8 +234,10 @@ std::string Model::observe(u32 dev, const std::string &name, const Result &r,
 			match = v ? (r.rc == 0 && r.data == *v) : r.rc == -ENOENT;
 		}
 		if (match) {
-			if (settle)
+			if (settle) {
 				items_[{dev, name}] = {v};
+				lost_.erase({dev, name});
+			}
 			return "";
 		}
 	}
@@ -237,6 +248,7 @@ std::string Model::observe(u32 dev, const std::string &name, const Result &r,
 		// item holds: a later sync copies the intact-looking main slot
 		// over the backup one, and the item stays with that content.
 		ghost_reads_++;
+		tally().ghost_reads++;
 		if (settle)
 			items_[{dev, name}] = {r.data};
 		return "";
@@ -246,6 +258,8 @@ std::string Model::observe(u32 dev, const std::string &name, const Result &r,
 	if (r.rc == 0)
 		os << " data=" << hex_prefix(r.data);
 	os << ", allowed:";
+	if (lost_.count({dev, name}))
+		os << " <lost: any error>";
 	for (const Value &v : allow)
 		os << " " << (v || !s ? describe(v) : "<default>");
 	return os.str();
@@ -294,9 +308,12 @@ std::size_t Model::dynamic_count(u32 dev) const
 
 std::string check_all(Model &m, u32 dev, Via via)
 {
+	// Judged once: on a device whose copies agree, reads repair nothing.
+	const bool agree = check_flash(dev).empty();
+
 	for (const std::string &name : m.names(dev)) {
 		Result r = store::get(dev, name, via);
-		std::string e = m.observe(dev, name, r, check_flash(dev).empty());
+		std::string e = m.observe(dev, name, r, agree);
 		if (!e.empty())
 			return e;
 	}
@@ -454,22 +471,72 @@ Cost measure(const std::function<void()> &op)
 }
 
 // ---------------------------------------------------------------------------
+// ---------------------------------------------------------------------------
+Tally &tally()
+{
+	static Tally t;
+	return t;
+}
+
+std::string tally_table()
+{
+	const Tally &t = tally();
+	std::ostringstream os;
+	u64 faults = 0;
+	for (const auto &kv : t.faults)
+		faults += kv.second;
+	os << "| figure | count |\n|---|---:|\n"
+	   << "| sweep scenarios (one fault each) | " << t.scenarios << " |\n"
+	   << "| random runs | " << t.runs << " |\n"
+	   << "| operations through the entry points | " << t.ops << " |\n"
+	   << "| item reads checked against the model | " << t.checks << " |\n"
+	   << "| content rebuilds caused | " << t.rebuilds << " |\n"
+	   << "| faults injected, all kinds | " << faults << " |\n";
+	for (const auto &kv : t.faults)
+		os << "| - " << kv.first << " | " << kv.second << " |\n";
+	os << "| reads of items damaged in both copies (unavoidable loss) | "
+	   << t.lost_reads << " |\n"
+	   << "| interrupted clears read as 0xff bytes (documented) | "
+	   << t.ghost_reads << " |\n"
+	   << "| losses and other failures | " << t.failures << " |\n";
+	return os.str();
+}
+
+std::size_t rebuilds_logged()
+{
+	return tb::log::count(tb::log::Level::Notice, "",
+			      "block space is not enough, rebuild content and try again");
+}
+
 namespace {
 
 // Bytes of dynamic content a device can hold: 30 blocks of 65,535 bytes.
 constexpr std::size_t kCapacity = 30u * 65535u;
 
+// Where on flash a block of one copy took damage at rest.
 struct Rot {
-	u32 dev, blk, off;
+	u32 dev, blk;
+	std::vector<u32> offs;
 };
 std::vector<Rot> g_rots;
 
 u32 twin(u32 blk) { return blk < 32 ? blk + 32 : blk - 32; }
 
-bool healed(const Rot &r)
+// The slot of a live dynamic item, from the main head as stored.
+bool find_slot(u32 dev, const std::string &name, u32 *blk, u32 *off, u32 *len)
 {
-	return tb::flash::block(r.dev, r.blk)[r.off] ==
-	       tb::flash::block(r.dev, twin(r.blk))[r.off];
+	tb::flash::Image h = tb::flash::block(dev, 0);
+	const auto *hb = reinterpret_cast<const user_cfg_head_blk *>(h.data());
+	for (u32 i = 0; i < hb->head_len / 52 && i < 1099; i++) {
+		const user_cfg_item_head &r = hb->item_head[i];
+		if (r.valid_flg == 1 && name == std::string(r.name, strnlen(r.name, 32))) {
+			*blk = r.blk_offset;
+			*off = r.item_offset;
+			*len = r.item_bytes;
+			return true;
+		}
+	}
+	return false;
 }
 
 } // namespace
@@ -491,6 +558,10 @@ std::string Driver::random_name()
 {
 	if (rng_() % 4 == 0)
 		return kStatic[rng_() % kStatic.size()].name;
+	// With a prefilled table, half the picks go to the names beyond it,
+	// so that the table fills up.
+	if (cfg_.prefill && rng_() % 2)
+		return pool_[rng_() % cfg_.names];
 	return pool_[rng_() % pool_.size()];
 }
 
@@ -502,10 +573,82 @@ Bytes Driver::random_value(u32 len)
 	return b;
 }
 
+// Damage at rest, between operations, on a device whose copies agree.
+void Driver::rot(u32 dev)
+{
+	std::uniform_real_distribution<double> coin(0.0, 1.0);
+
+	// Damage to both copies of one slot: the item is gone, whatever the
+	// store does (see Model::lose).
+	if (cfg_.loss_rate > 0 && coin(rng_) < cfg_.loss_rate) {
+		std::vector<std::string> live;
+		for (const std::string &n : model_.names(dev)) {
+			std::vector<Value> a = model_.allowed(dev, n);
+			if (!find_static(n) && a.size() == 1 && a[0] && !a[0]->empty())
+				live.push_back(n);
+		}
+		u32 blk, off, len;
+		if (!live.empty()) {
+			const std::string &n = live[rng_() % live.size()];
+			if (find_slot(dev, n, &blk, &off, &len)) {
+				u32 at = off + static_cast<u32>(rng_() % len);
+				tb::flash::flip_bits(dev, blk, at, 0x40);
+				tb::flash::flip_bits(dev, blk + 32, at, 0x40);
+				model_.lose(dev, n);
+				stats_.losses++;
+				tally().faults["double-copy-damage"]++;
+				dirty_[dev] = true;
+				return;
+			}
+		}
+	}
+	if (cfg_.rot_rate <= 0 || coin(rng_) >= cfg_.rot_rate)
+		return;
+	// One copy only: the other copy of that block must be intact, else
+	// the loss would be the hardware's, not the store's. Blocks 1 and 33
+	// hold nothing.
+	g_rots.erase(std::remove_if(g_rots.begin(), g_rots.end(),
+		[](const Rot &r) {
+			tb::flash::Image a = tb::flash::block(r.dev, r.blk);
+			tb::flash::Image b = tb::flash::block(r.dev, twin(r.blk));
+			return std::all_of(r.offs.begin(), r.offs.end(),
+					   [&](u32 o) { return a[o] == b[o]; });
+		}), g_rots.end());
+	Rot r{dev, static_cast<u32>(rng_() % 64), {}};
+	bool twin_damaged = std::any_of(g_rots.begin(), g_rots.end(),
+		[&](const Rot &o) { return o.dev == r.dev && o.blk == twin(r.blk); });
+	if (twin_damaged || r.blk == 1 || r.blk == 33)
+		return;
+	// A single bit, or up to eight bytes anywhere in the block.
+	u32 bytes = rng_() % 2 ? 1 : 1 + static_cast<u32>(rng_() % 8);
+	for (u32 k = 0; k < bytes; k++) {
+		r.offs.push_back(static_cast<u32>(rng_() % 65536));
+		tb::flash::flip_bits(r.dev, r.blk, r.offs.back(),
+				     static_cast<std::uint8_t>(bytes == 1 ? 1u << (rng_() % 8) :
+							       1 + rng_() % 255));
+	}
+	g_rots.push_back(r);
+	stats_.rots++;
+	tally().faults[bytes == 1 ? "bit-flip-at-rest" : "multi-byte-damage-at-rest"]++;
+	dirty_[dev] = true;
+}
+
+void Driver::prefill()
+{
+	for (u32 i = 0; i < cfg_.prefill; i++) {
+		std::string n = "pre." + std::to_string(i);
+		Bytes v = random_value(1 + static_cast<u32>(rng_() % 48));
+		if (store::set(0, n, v) == 0)
+			model_.put(0, n, v);
+		pool_.push_back(n);
+	}
+}
+
 std::string Driver::step(u32 i)
 {
 	std::uniform_real_distribution<double> coin(0.0, 1.0);
-	u32 dev = static_cast<u32>(rng_() % 2);
+	// A prefilled table is on device 0: work mostly there.
+	u32 dev = static_cast<u32>(rng_() % (cfg_.prefill ? 4 : 2)) == 1;
 	std::string name = random_name();
 	const StaticItem *s = find_static(name);
 	u32 pick = static_cast<u32>(rng_() % 100);
@@ -514,27 +657,10 @@ std::string Driver::step(u32 i)
 	std::ostringstream where;
 	where << "seed " << cfg_.seed << " step " << i << ": ";
 
-	// Bit rot at rest, in one copy only: the other copy of that block
-	// must be intact, else the loss would be the hardware's, not ours.
 	if (dirty_[dev] && check_flash(dev).empty())
 		dirty_[dev] = false;
-	if (!dirty_[dev] && cfg_.rot_rate > 0 && coin(rng_) < cfg_.rot_rate) {
-		g_rots.erase(std::remove_if(g_rots.begin(), g_rots.end(), healed),
-			     g_rots.end());
-		Rot r{dev, static_cast<u32>(rng_() % 64),
-		      static_cast<u32>(rng_() % 65536)};
-		bool twin_damaged = std::any_of(g_rots.begin(), g_rots.end(),
-			[&](const Rot &o) {
-				return o.dev == r.dev && o.blk == twin(r.blk);
-			});
-		if (!twin_damaged && r.blk != 1 && r.blk != 33) {
-			tb::flash::flip_bits(r.dev, r.blk, r.off,
-					     static_cast<std::uint8_t>(1u << (rng_() % 8)));
-			g_rots.push_back(r);
-			stats_.rots++;
-			dirty_[dev] = true;
-		}
-	}
+	if (!dirty_[dev])
+		rot(dev);
 
 	enum { GET, SET, CLEAR } op = pick < 35 ? GET : pick < 80 ? SET : CLEAR;
 	Value newv;
@@ -542,6 +668,7 @@ std::string Driver::step(u32 i)
 	if (op == GET) {
 		Result r = store::get(dev, name, via);
 		stats_.ops++;
+		tally().ops++;
 		std::string e = model_.observe(dev, name, r, check_flash(dev).empty());
 		return e.empty() ? "" : where.str() + "get: " + e;
 	}
@@ -550,10 +677,15 @@ std::string Driver::step(u32 i)
 		if (s) {
 			len = s->len;
 		} else {
+			// Mostly small values, a share of large ones (up to
+			// the largest, which is common) to fill blocks, move
+			// items and force rebuilds.
 			u32 band = static_cast<u32>(rng_() % 100);
-			u32 hi = band < 60 ? 256 : band < 85 ? 4096 : cfg_.max_size;
-			hi = std::min(hi, cfg_.max_size);
-			len = 1 + static_cast<u32>(rng_() % hi);
+			if (band < cfg_.big_percent)
+				len = band % 3 ? 4097 + static_cast<u32>(rng_() % 28672) : 32768;
+			else
+				len = 1 + static_cast<u32>(rng_() % (band % 3 ? 256 : 4096));
+			len = std::min(len, cfg_.max_size);
 		}
 		newv = random_value(len);
 		Bytes v = *newv;
@@ -589,19 +721,23 @@ std::string Driver::step(u32 i)
 				      tb::flash::TearFill::Erased;
 	}
 
+	const std::size_t rb = rebuilds_logged();
 	tb::flash::mark();
 	arm(f);
 	int rc = run();
+	// A power cut is followed by a reboot: power back, nothing armed. The
+	// store keeps no copy of the flash in memory, so this is all a fresh
+	// start would change.
 	disarm();
 	stats_.ops++;
+	tally().ops++;
+	tally().rebuilds += static_cast<u32>(rebuilds_logged() - rb);
 	if (std::getenv("UCFG_MODEL_VERBOSE"))
-		std::fprintf(stderr, "step %u: %s '%s' dev %u len %zu via %s fault %s@%u/%u -> %d\n",
+		std::fprintf(stderr, "step %u: %s '%s' dev %u len %zu via %s fault %s@%u/%u -> %d\n   trace: %s\n",
 			     i, op == SET ? "set" : "clear", name.c_str(), dev,
 			     newv ? newv->size() : 0,
 			     via == Via::KernelApi ? "kapi" : "ioctl",
-			     kind_name(f.kind), f.nth, f.torn_bytes, rc);
-	if (std::getenv("UCFG_MODEL_VERBOSE"))
-		std::fprintf(stderr, "   trace: %s\n",
+			     kind_name(f.kind), f.nth, f.torn_bytes, rc,
 			     tb::flash::trace_str_since_mark(dev).c_str());
 
 	std::string what = std::string(op == SET ? "set" : "clear") + " '" +
@@ -610,6 +746,7 @@ std::string Driver::step(u32 i)
 	if (f.kind != FaultKind::None) {
 		stats_.faults++;
 		stats_.faults_by_kind[kind_name(f.kind)]++;
+		tally().faults[kind_name(f.kind)]++;
 		dirty_[dev] = true;
 		if (op == CLEAR && !s)
 			model_.maybe_cleared(dev, name);
@@ -617,7 +754,6 @@ std::string Driver::step(u32 i)
 			model_.maybe(dev, name, newv);
 		for (u32 d = 0; d < 2; d++) {
 			std::string e = check_all(model_, d);
-			stats_.checks++;
 			if (!e.empty())
 				return where.str() + what + " with " +
 				       kind_name(f.kind) + " at " +
@@ -627,10 +763,12 @@ std::string Driver::step(u32 i)
 	}
 
 	std::vector<Value> before = model_.allowed(dev, name);
-	bool may_be_absent = std::find(before.begin(), before.end(),
-				       Value{}) != before.end();
-	bool may_be_present = std::any_of(before.begin(), before.end(),
-					  [](const Value &v) { return v.has_value(); });
+	// A lost item's record may still be listed: it may clear as present.
+	bool lost = before.empty();
+	bool may_be_absent = lost || std::find(before.begin(), before.end(),
+					       Value{}) != before.end();
+	bool may_be_present = lost || std::any_of(before.begin(), before.end(),
+		[](const Value &v) { return v.has_value(); });
 	if (op == CLEAR && !s && rc == -ENOENT && may_be_absent) {
 		model_.absent(dev, name);
 	} else if (op == CLEAR && !s && rc == 0 && !may_be_present) {
@@ -661,21 +799,24 @@ std::string Driver::step(u32 i)
 
 std::string Driver::run()
 {
+	std::string e;
+
 	store::become_daemon();
-	for (u32 i = 0; i < cfg_.steps; i++) {
-		std::string e = step(i);
-		if (e.empty() && cfg_.check_every_step)
-			for (u32 d = 0; d < 2 && e.empty(); d++)
-				e = check_all(model_, d);
-		if (!e.empty())
-			return e;
+	prefill();
+	for (u32 i = 0; i < cfg_.steps && e.empty(); i++) {
+		e = step(i);
+		for (u32 d = 0; d < 2 && e.empty() && cfg_.check_every_step; d++)
+			e = check_all(model_, d);
 	}
-	for (u32 d = 0; d < 2; d++) {
-		std::string e = check_all(model_, d);
+	for (u32 d = 0; d < 2 && e.empty(); d++) {
+		e = check_all(model_, d);
 		if (!e.empty())
-			return "seed " + std::to_string(cfg_.seed) + " final: " + e;
+			e = "seed " + std::to_string(cfg_.seed) + " final: " + e;
 	}
-	return "";
+	tally().runs++;
+	if (!e.empty())
+		tally().failures++;
+	return e;
 }
 
 } // namespace model

@@ -32,6 +32,7 @@ namespace model {
 
 using Bytes = std::vector<std::uint8_t>;
 using u32 = std::uint32_t;
+using u64 = std::uint64_t;
 
 // --- The catalogue as the documentation gives it (not read from the code).
 struct StaticItem {
@@ -100,8 +101,13 @@ public:
 	// telling a legitimate "store full" from a false one.
 	std::size_t dynamic_bytes(u32 dev) const;
 	std::size_t dynamic_count(u32 dev) const;
-	// Forget an item's history (a loss the store cannot avoid, counted).
+	// Both copies of the item's content were damaged at rest. No store
+	// with two copies can bring it back, so from now on until the next
+	// successful write of the item a read may only fail (any error code):
+	// returning data would be inventing it. Such reads are counted apart
+	// (lost_reads), as the one loss the fault model makes unavoidable.
 	void lose(u32 dev, const std::string &name);
+	u32 lost_reads() const { return lost_reads_; }
 
 	// An interrupted clear of a dynamic item. Besides its old value and
 	// absence, the item may read as 0xff bytes of its old length: the
@@ -122,11 +128,13 @@ public:
 private:
 	std::map<std::pair<u32, std::string>, std::vector<Value>> items_;
 	std::map<std::pair<u32, std::string>, std::vector<Bytes>> ghosts_;
+	std::set<std::pair<u32, std::string>> lost_;
 	u32 ghost_reads_ = 0;
+	u32 lost_reads_ = 0;
 };
 
 // Reads every item of dev through the entry and checks it; "" when all
-// match. Reads settle ambiguous items.
+// match. Reads settle ambiguous items while the device's copies agree.
 std::string check_all(Model &m, u32 dev, Via via = Via::Ioctl);
 
 // Structural invariants of a device's flash at rest after a successful
@@ -177,16 +185,38 @@ struct DriverConfig {
 	std::uint64_t seed = 1;
 	u32 steps = 200;
 	double fault_rate = 0.0;	// chance of a fault in a mutating step
-	double rot_rate = 0.0;		// chance of a bit flip at rest in one copy
+	double rot_rate = 0.0;		// chance of damage at rest in one copy
+	double loss_rate = 0.0;		// chance of damage to both copies of a slot
 	u32 max_size = 32768;		// largest dynamic value
+	u32 big_percent = 15;		// dynamic sets of 4,097 bytes or more
 	u32 names = 24;			// dynamic names in the pool
+	u32 prefill = 0;		// small items stored on device 0 first
 	bool kernel_api = true;		// mix the kernel API with the ioctl
 	bool check_every_step = false;	// read every item after every step
 };
 struct DriverStats {
-	u32 ops = 0, faults = 0, rots = 0, checks = 0, nospace = 0;
+	u32 ops = 0, faults = 0, rots = 0, losses = 0, nospace = 0;
 	std::map<std::string, u32> faults_by_kind;
 };
+
+// --- Figures of a whole campaign (every sweep and driver run of the
+// process), for the reliability report.
+struct Tally {
+	u32 scenarios = 0;	// sweep scenarios (one fault each)
+	u32 runs = 0;		// random driver runs
+	u64 ops = 0;		// operations issued through the entry points
+	u64 checks = 0;		// item reads compared with the model
+	u32 rebuilds = 0;	// content compactions the operations caused
+	std::map<std::string, u64> faults;	// injected, by kind
+	u64 ghost_reads = 0;	// interrupted clears read as 0xff bytes
+	u64 lost_reads = 0;	// reads of items damaged in both copies
+	u32 failures = 0;	// model mismatches, leaks, contract breaks
+};
+Tally &tally();
+// The figures as a Markdown table.
+std::string tally_table();
+// Rebuilds logged so far (the compaction's notice).
+std::size_t rebuilds_logged();
 class Driver {
 public:
 	explicit Driver(const DriverConfig &cfg);
@@ -198,6 +228,8 @@ public:
 
 private:
 	std::string step(u32 i);
+	void rot(u32 dev);
+	void prefill();
 	std::string random_name();
 	Bytes random_value(u32 len);
 

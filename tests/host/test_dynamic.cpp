@@ -2,8 +2,8 @@
 //
 // Dynamic named items: the on-flash format they leave, capacity and the
 // compaction that reclaims it, the rule that no write may replace another
-// item's last intact copy, odd requests and odd head images, and random
-// operation sequences checked against the shared reference model.
+// item's last intact copy, odd requests and odd head images. Random
+// sequences and faults are the campaign's (test_campaign).
 //
 // Expected values come from the documented formats (offsets, lengths, the
 // slot = content + SHA-256 rule), never from the code under test.
@@ -748,65 +748,4 @@ TEST_F(Dynamic, OddHeadImages)
 	EXPECT_EQ(head(0).item_head[0].valid_flg, 1u);
 	EXPECT_EQ(kget(0, "x").data, pattern(5, 7));
 	EXPECT_EQ(model::check_flash(0), "");
-}
-
-// ---------------------------------------------------------------------------
-// Random sets, clears and gets of dynamic items from 0 to 32,768 bytes,
-// through the device file, the kernel wrapper and (for empty content) the
-// store's write itself, checked against the reference model after every
-// step. Large sizes dominate so that the blocks fill, records are reused
-// and the content blocks are rebuilt several times per run. With fewer
-// names than content blocks a packed store always has a free block, so no
-// write may run out of space.
-TEST_F(Dynamic, RandomSequencesAgainstTheModel)
-{
-	u32 total_rebuilds = 0, steps = 0;
-	for (u32 seed : {1u, 2u, 3u}) {
-		tb::reset();
-		model::store::become_daemon();
-		std::mt19937 rng(seed);
-		model::Model m;
-		std::vector<std::string> names;
-		for (u32 i = 0; i < 26; i++)
-			names.push_back("r" + std::to_string(i));
-		names.push_back(std::string(32, 'q'));
-		for (u32 step = 0; step < 300; step++, steps++) {
-			const std::string &name = names[rng() % names.size()];
-			const u32 pick = rng() % 100;
-			std::string where = "seed " + std::to_string(seed) + " step " +
-					    std::to_string(step) + " '" + name + "': ";
-			if (pick < 30) {
-				model::Result r = (rng() % 2) ? kget(0, name) : model::store::get(0, name);
-				ASSERT_EQ(m.observe(0, name, r), "") << where;
-				continue;
-			}
-			if (pick < 45) {
-				std::vector<model::Value> a = m.allowed(0, name);
-				int want = !a[0] ? -ENOENT : a[0]->empty() ? -EINVAL : 0;
-				ASSERT_EQ(model::store::clear(0, name), want) << where << "clear";
-				if (want == 0)
-					m.put(0, name, std::nullopt);
-			} else {
-				const u32 band = rng() % 100;
-				const u32 len = band < 8 ? 0 : band < 30 ? kMax : band < 40 ? 1 :
-						band < 55 ? 1 + rng() % 256 : 16384 + rng() % 16384;
-				const Bytes v = pattern(len, rng());
-				int rc;
-				if (len == 0)
-					rc = dset(0, name, v);
-				else if (rng() % 2 && name.size() < 32)
-					rc = kset(0, name, v);
-				else
-					rc = model::store::set(0, name, v);
-				ASSERT_EQ(rc, 0) << where << "set of " << len;
-				m.put(0, name, v);
-			}
-			ASSERT_EQ(model::check_flash(0), "") << where;
-		}
-		ASSERT_EQ(model::check_all(m, 0), "") << "seed " << seed;
-		total_rebuilds += static_cast<u32>(rebuilds());
-	}
-	EXPECT_GE(total_rebuilds, 3u);
-	RecordProperty("steps", static_cast<int>(steps));
-	RecordProperty("rebuilds", static_cast<int>(total_rebuilds));
 }

@@ -3,8 +3,8 @@
 // Static catalogue items end to end on simulated flash: defaults on a blank
 // device, set / read / clear of every item with the head images checked
 // byte for byte, refusals that come only after the head was validated and
-// repaired, dynamic bytes carried over, the CPU configuration read, and a
-// fault at every flash transfer and allocation of a static set and clear.
+// repaired, dynamic bytes carried over and the CPU configuration read.
+// Faults in static operations are swept by the campaign (test_campaign).
 #include <openssl/sha.h>
 
 #include <cstdio>
@@ -362,138 +362,6 @@ TEST_F(Static, CpuConfigRead)
 	EXPECT_EQ(devdrv_config_get_cpu_cfg(1, buf.data(), 15), -EINVAL);
 	EXPECT_TRUE(tb::log::has(L::Error, "devdrv_config_get_cpu_cfg",
 				 "Devdrv get static item failed. (cfg_index=0; ret=-22)"));
-}
-
-// ---------------------------------------------------------------------------
-// A fault at every transfer and allocation of a static set and of a static
-// clear, from a populated device, through the entry points.
-struct SweepOp {
-	const char *name;
-	std::string item;
-	model::Value next;		// what the item holds after the operation
-	std::function<int()> run;
-};
-
-class StaticFaults : public Static {
-protected:
-	model::Model populate()
-	{
-		model::store::become_daemon();
-		model::Model m;
-		auto put = [&](tb::u32 dev, const std::string &name, const Bytes &v) {
-			ASSERT_EQ(model::store::set(dev, name, v), 0) << name;
-			m.put(dev, name, v);
-		};
-		put(0, "p2p_mem_cfg", {8, 0, 0, 1});
-		put(0, "ssh_status", {1});
-		put(0, "ccpu_usr_cert_hash", value_for(3, 7));
-		put(0, "usershadow", value_for(4, 5));
-		put(0, "alpha", Bytes(100, 0xa1));
-		put(0, "beta", value_for(4, 77));
-		put(0, "gamma", Bytes(40000 / 2, 0x3c));
-		put(1, "ddr_ecc_enable", {0});
-		put(1, "delta", Bytes(77, 0xd1));
-		EXPECT_EQ(model::check_flash(0), "");
-		return m;
-	}
-
-	// Runs every scenario of op from each starting state; returns the count.
-	tb::u32 sweep(const SweepOp &op)
-	{
-		const model::Model base = populate();
-		const model::Snapshot populated = model::snapshot();
-		const struct {
-			const char *name;
-			int blk;	// head copy with a flipped byte, -1: none
-		} starts[] = {{"intact", -1}, {"main head damaged", 0}, {"backup head damaged", 32}};
-		std::map<std::string, tb::u32> by_kind;
-		tb::u32 total = 0;
-
-		for (const auto &st : starts) {
-			model::restore(populated);
-			if (st.blk >= 0)
-				fl::flip_bits(0, st.blk, 3103, 0x08);
-			const model::Snapshot start = model::snapshot();
-			const model::Cost cost = model::measure([&] { EXPECT_EQ(op.run(), 0); });
-			EXPECT_GE(cost.writes, st.blk >= 0 ? 3u : 2u);
-
-			std::vector<model::Fault> faults;
-			for (tb::u32 k = 1; k <= cost.writes; k++) {
-				faults.push_back({model::FaultKind::PowerCut, k});
-				faults.push_back({model::FaultKind::WriteError, k});
-				for (tb::u32 torn : {1u, 3103u, 65520u}) {
-					for (auto fill : {fl::TearFill::OldBytes, fl::TearFill::Erased})
-						faults.push_back({model::FaultKind::PowerCutTorn, k, torn, fill});
-				}
-				for (tb::u32 off : {3103u, 65535u})
-					faults.push_back({model::FaultKind::CorruptWrite, k, off});
-			}
-			for (tb::u32 k = 1; k <= cost.reads; k++)
-				faults.push_back({model::FaultKind::ReadError, k});
-			for (tb::u32 k = 1; k <= cost.allocs; k++)
-				faults.push_back({model::FaultKind::AllocFail, k});
-
-			for (const model::Fault &f : faults) {
-				const std::string where = std::string(op.name) + ", " + st.name + ", " +
-					model::kind_name(f.kind) + " at " + std::to_string(f.nth) +
-					" (" + std::to_string(f.torn_bytes) + ")";
-				model::restore(start);
-				tb::log::clear();
-				model::Model m = base;
-				const tb::u32 injected = tb::alloc::failures_injected();
-				model::arm(f);
-				const int rc = op.run();
-				EXPECT_TRUE(fl::faults_fired() > 0 ||
-					    tb::alloc::failures_injected() > injected)
-					<< where << ": the fault never fired";
-				// Nothing retries and nothing is optional: a fault that hit
-				// the operation fails it (a write is verified by reading it
-				// back, so even a silent corruption is reported).
-				EXPECT_NE(rc, 0) << where;
-				model::disarm();
-				if (rc == 0)
-					m.put(0, op.item, op.next);
-				else
-					m.maybe(0, op.item, op.next);
-
-				EXPECT_EQ(model::check_all(m, 0), "") << where;
-				EXPECT_EQ(model::check_all(m, 1), "") << where;
-				// A fresh set completes the device again.
-				const Bytes again = value_for(2, static_cast<tb::u8>(total));
-				EXPECT_EQ(model::store::set(0, "ddr_ecc_enable", {again[0]}), 0) << where;
-				m.put(0, "ddr_ecc_enable", Bytes{again[0]});
-				EXPECT_EQ(model::check_flash(0), "") << where;
-				EXPECT_EQ(model::check_all(m, 0), "") << where;
-				EXPECT_EQ(tb::leaks(), std::vector<std::string>()) << where;
-				by_kind[model::kind_name(f.kind)]++;
-				total++;
-				if (HasFailure())
-					return total;
-			}
-		}
-		std::string summary;
-		for (const auto &kv : by_kind)
-			summary += " " + kv.first + "=" + std::to_string(kv.second);
-		std::printf("[ sweep    ] %s: %u scenarios:%s\n", op.name, total, summary.c_str());
-		RecordProperty("scenarios", static_cast<int>(total));
-		return total;
-	}
-};
-
-TEST_F(StaticFaults, SetAtEveryTransfer)
-{
-	const Bytes next = {0x11, 0x22, 0x33, 0x44};
-	SweepOp op{"static set", "p2p_mem_cfg", next,
-		   [&] { return model::store::set(0, "p2p_mem_cfg", next); }};
-	EXPECT_GT(sweep(op), 60u);
-}
-
-TEST_F(StaticFaults, ClearAtEveryTransfer)
-{
-	SweepOp op{"static clear", "ccpu_usr_cert_hash", std::nullopt, [] {
-			   return model::store::clear(0, "ccpu_usr_cert_hash", model::Via::KernelApi);
-		   }};
-	EXPECT_GT(sweep(op), 60u);
 }
 
 } // namespace
