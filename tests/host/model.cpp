@@ -595,6 +595,9 @@ void Driver::rot(u32 dev)
 				tb::flash::flip_bits(dev, blk, at, 0x40);
 				tb::flash::flip_bits(dev, blk + 32, at, 0x40);
 				model_.lose(dev, n);
+				if (std::getenv("UCFG_MODEL_VERBOSE"))
+					std::fprintf(stderr, "damage: both copies of '%s' dev %u (blk %u off %u)\n",
+						     n.c_str(), dev, blk, at);
 				stats_.losses++;
 				tally().faults["double-copy-damage"]++;
 				dirty_[dev] = true;
@@ -627,6 +630,8 @@ void Driver::rot(u32 dev)
 				     static_cast<std::uint8_t>(bytes == 1 ? 1u << (rng_() % 8) :
 							       1 + rng_() % 255));
 	}
+	if (std::getenv("UCFG_MODEL_VERBOSE"))
+		std::fprintf(stderr, "damage: %u bytes of dev %u blk %u\n", bytes, dev, r.blk);
 	g_rots.push_back(r);
 	stats_.rots++;
 	tally().faults[bytes == 1 ? "bit-flip-at-rest" : "multi-byte-damage-at-rest"]++;
@@ -763,8 +768,9 @@ std::string Driver::step(u32 i)
 	}
 
 	std::vector<Value> before = model_.allowed(dev, name);
-	// A lost item's record may still be listed: it may clear as present.
-	bool lost = before.empty();
+	// A lost item's record may or may not be listed still (a sync of its
+	// block drops it): it may clear as present or as absent.
+	bool lost = model_.lost(dev, name);
 	bool may_be_absent = lost || std::find(before.begin(), before.end(),
 					       Value{}) != before.end();
 	bool may_be_present = lost || std::any_of(before.begin(), before.end(),

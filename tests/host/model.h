@@ -107,6 +107,10 @@ public:
 	// returning data would be inventing it. Such reads are counted apart
 	// (lost_reads), as the one loss the fault model makes unavoidable.
 	void lose(u32 dev, const std::string &name);
+	bool lost(u32 dev, const std::string &name) const
+	{
+		return lost_.count({dev, name}) != 0;
+	}
 	u32 lost_reads() const { return lost_reads_; }
 
 	// An interrupted clear of a dynamic item. Besides its old value and

@@ -423,7 +423,9 @@ TEST_F(Random, Regressions)
 		std::uint64_t seed;
 		u32 steps;
 	} kSeeds[] = {
-		{1, 12, 200},
+		// A failed write to an item lost in both copies, whose record a
+		// later sync had dropped: the item may then clear as absent.
+		{1, 1003, 600},
 	};
 	for (const auto &r : kSeeds) {
 		tb::reset();
