@@ -25,7 +25,7 @@ shift
 MODULE_SOURCES=(Kbuild include common driver store catalogue dynamic access sim)
 
 case $TARGET in
-arm64-5.10 | arm64-6.1)
+arm64-5.10 | arm64-6.1 | arm64-5.10-debug)
 	KARGS=(ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu-
 		CC=aarch64-linux-gnu-gcc)
 	;;

@@ -7,10 +7,15 @@
 #
 #   scripts/fetch-kernel.sh TARGET [headers|image]
 #
-#   TARGET   arm64-5.10 | arm64-6.1 | x86_64-6.1
+#   TARGET   arm64-5.10 | arm64-6.1 | x86_64-6.1 | arm64-5.10-debug
 #   headers  (default) headers + kbuild host tools; prints the directory to
 #            pass to "make -C" on the last line of stdout
 #   image    the kernel image package for the VM; prints the vmlinuz path
+#
+# arm64-5.10-debug is not a Debian package but our own build of the same
+# 5.10 source with the kernel's checkers on (scripts/build-debug-kernel.sh,
+# cached in .cache/debug-kernel/): headers is its build directory, image its
+# uncompressed Image.
 #
 # Layout under .cache/:
 #   debs/                       every downloaded .deb, kept for reuse
@@ -42,6 +47,11 @@ case $WHAT in
 headers | image) ;;
 *) die "unknown part '$WHAT' (headers or image)" ;;
 esac
+
+if [ "$TARGET" = arm64-5.10-debug ]; then
+	[ "$WHAT" = headers ] && exec "$ROOT/scripts/build-debug-kernel.sh" tree
+	exec "$ROOT/scripts/build-debug-kernel.sh" image
+fi
 
 done_already() { [ -s "$STAMP" ] && [ -e "$(cat "$STAMP")" ]; }
 
@@ -179,7 +189,7 @@ arm64-6.1 | x86_64-6.1)
 	KBUILD_PKG=linux-kbuild-6.1
 	;;
 *)
-	die "unknown target (arm64-5.10, arm64-6.1, x86_64-6.1)"
+	die "unknown target (arm64-5.10, arm64-6.1, x86_64-6.1, arm64-5.10-debug)"
 	;;
 esac
 

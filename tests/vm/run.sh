@@ -6,7 +6,8 @@
 # program, and passes only when every in-VM test passed (the init prints a
 # sentinel) and the console shows no kernel complaint.
 #
-#   tests/vm/run.sh [TARGET] [demo]     TARGET: arm64-5.10 (default), arm64-6.1
+#   tests/vm/run.sh [TARGET] [demo]     TARGET: arm64-5.10 (default), arm64-6.1,
+#                                       arm64-5.10-debug
 #
 # Two boots: the main suite with the complete device-tree node and the boot
 # configuration bit set, and a short one whose node lacks "data_cpu_num"
@@ -19,8 +20,8 @@ if [ "${2:-}" = demo ]; then
 	exec "$(dirname "$0")/demo.sh" "$TARGET"
 fi
 case $TARGET in
-arm64-5.10 | arm64-6.1) ;;
-*) echo "run.sh: TARGET is arm64-5.10 or arm64-6.1" >&2; exit 2 ;;
+arm64-5.10 | arm64-6.1 | arm64-5.10-debug) ;;
+*) echo "run.sh: TARGET is arm64-5.10, arm64-6.1 or arm64-5.10-debug" >&2; exit 2 ;;
 esac
 
 # shellcheck source=lib.sh
