@@ -15,6 +15,9 @@
 #   make image [TARGET]  fetch the target's kernel image for the VM
 #   make vm              the module in QEMU on arm64 5.10 and 6.1 kernels
 #   make demo            the module at work in the target kernel under QEMU
+#   make torture [SEED=n] [DURATION=s]
+#                        the long reliability campaign (host and debug VM)
+#   make figures         the reliability campaign's figures (fixed seeds)
 #   make clean           remove build/; "make distclean" also .cache/
 
 TARGETS := arm64-5.10 arm64-6.1 x86_64-6.1
@@ -30,7 +33,7 @@ KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
 .PHONY: module modules host tsan fuzz tools tools-arm64 lint vm check setup \
-	image demo \
+	image demo torture figures \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS))
 
@@ -109,6 +112,15 @@ check: setup
 demo: setup
 	tests/vm/run.sh arm64-5.10 demo
 
+# The reliability campaign (docs/RELIABILITY.md). SEED defaults to the
+# time, printed so that a failure can be replayed.
+DURATION ?= 600
+torture: setup
+	scripts/torture.sh "$(SEED)" $(DURATION)
+
+figures:
+	scripts/torture.sh figures
+
 clean:
 	rm -rf build
 
@@ -116,4 +128,4 @@ distclean: clean
 	rm -rf .cache
 
 help:
-	@sed -n '3,16s/^# \{0,1\}//p' Makefile
+	@sed -n '3,20s/^# \{0,1\}//p' Makefile

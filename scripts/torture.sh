@@ -33,8 +33,8 @@ campaign() {
 if [ "${1:-}" = figures ]; then
 	build_host
 	# The seeds of the tests themselves: the same table on every run.
-	env -u UCFG_SEED -u UCFG_STEPS -u UCFG_TORTURE_SECONDS campaign |
-		sed -n '/^\[ campaign \]/,$p'
+	unset UCFG_SEED UCFG_STEPS UCFG_TORTURE_SECONDS
+	campaign | sed -n '/^\[ campaign \]/,$p'
 	exit "${PIPESTATUS[0]}"
 fi
 

@@ -244,8 +244,10 @@ u32 sweep(const Scenario &s, u32 stride)
 		model::restore(start);
 		model::Model m = base;
 		const u32 injected = tb::alloc::failures_injected();
+		const std::size_t rb = model::rebuilds_logged();
 		model::arm(f);
 		const int rc = run_op(s);
+		model::tally().rebuilds += static_cast<u32>(model::rebuilds_logged() - rb);
 		const bool fired = fl::faults_fired() > 0 ||
 				   tb::alloc::failures_injected() > injected;
 		model::disarm();
