@@ -3,15 +3,20 @@
 #
 # The module in a real kernel: boots Debian's arm64 kernel under QEMU with
 # the module, the stand-in siblings, the test module and the in-VM test
-# program, and passes only when every in-VM test passed (the init prints a
+# programs, and passes only when every in-VM test passed (the init prints a
 # sentinel) and the console shows no kernel complaint.
 #
-#   tests/vm/run.sh [TARGET] [demo]     TARGET: arm64-5.10 (default), arm64-6.1,
-#                                       arm64-5.10-debug
+#   tests/vm/run.sh [TARGET] [demo]
+#   tests/vm/run.sh TARGET stress [SEED] [SECONDS]
 #
-# Two boots: the main suite with the complete device-tree node and the boot
-# configuration bit set, and a short one whose node lacks "data_cpu_num"
-# and whose boot configuration bit is clear. Both consoles end up in
+#   TARGET: arm64-5.10 (default), arm64-6.1, arm64-5.10-debug
+#
+# Three boots: the main suite with the complete device-tree node and the
+# boot configuration bit set; a short one whose node lacks "data_cpu_num"
+# and whose boot configuration bit is clear; and the stress run (random
+# requests of several processes under injected flash faults, a reload half
+# way; seed 1, 24 s of requests by default). "stress" boots only the
+# latter, with the seed and duration given. All consoles end up in
 # build/vm/TARGET/console.log. "demo" runs demo.sh instead.
 set -euo pipefail
 
@@ -23,6 +28,20 @@ case $TARGET in
 arm64-5.10 | arm64-6.1 | arm64-5.10-debug) ;;
 *) echo "run.sh: TARGET is arm64-5.10, arm64-6.1 or arm64-5.10-debug" >&2; exit 2 ;;
 esac
+SEED=1
+SECONDS_OF_STRESS=24
+ONLY_STRESS=0
+if [ "${2:-}" = stress ]; then
+	ONLY_STRESS=1
+	SEED=${3:-$SEED}
+	SECONDS_OF_STRESS=${4:-$SECONDS_OF_STRESS}
+	case $SEED$SECONDS_OF_STRESS in
+	*[!0-9]*) echo "run.sh: SEED and SECONDS are whole numbers" >&2; exit 2 ;;
+	esac
+elif [ -n "${2:-}" ]; then
+	echo "run.sh: unknown mode '$2' (demo or stress)" >&2
+	exit 2
+fi
 
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
@@ -35,13 +54,22 @@ vm_log "built in $((t1 - t0)) s; booting $VM_KVER"
 CONSOLE=$VM_OUT/console.log
 status=0
 : >"$CONSOLE"
-for boot in "suite full $VM_BOOT_CFG_SET 300" "partial partial $VM_BOOT_CFG_CLEAR 120"; do
+boots=("suite full $VM_BOOT_CFG_SET 300" "partial partial $VM_BOOT_CFG_CLEAR 120")
+stress="stress full $VM_BOOT_CFG_SET $((SECONDS_OF_STRESS + 120))"
+if [ $ONLY_STRESS = 1 ]; then
+	boots=("$stress")
+else
+	boots+=("$stress")
+fi
+for boot in "${boots[@]}"; do
 	set -- $boot
 	part=$VM_OUT/console-$1.log
 	b0=$(date +%s)
-	vm_boot "$1" "$2" "$3" "$part" "$4" || true
+	args=
+	[ "$1" = stress ] && args="ucfgseed=$SEED ucfgsecs=$SECONDS_OF_STRESS"
+	vm_boot "$1" "$2" "$3" "$part" "$4" "$args" || true
 	{ echo "===== boot: $1 ====="; cat "$part"; } >>"$CONSOLE"
-	grep -E '^(not )?ok |^#   |^# ---' "$part" | sed "s/^/[$1] /" || true
+	grep -a -E '^(not )?ok |^#   |^# ---|^# [^-]' "$part" | sed "s/^/[$1] /" || true
 	passed=$(grep -c '^ok ' "$part" || true)
 	failed=$(grep -c '^not ok ' "$part" || true)
 	vm_log "boot $1: $passed passed, $failed failed, $(($(date +%s) - b0)) s"
