@@ -618,6 +618,20 @@ void Driver::rot(u32 dev)
 					   [&](u32 o) { return a[o] == b[o]; });
 		}), g_rots.end());
 	Rot r{dev, static_cast<u32>(rng_() % 64), {}};
+	// Half the damage lands in a live item's slot, in one copy: that is
+	// where a write that copies a block from one copy to the other could
+	// spread it.
+	std::vector<std::string> live;
+	if (rng_() % 2)
+		for (const std::string &n : model_.names(dev))
+			if (!find_static(n) && !model_.lost(dev, n))
+				live.push_back(n);
+	u32 sblk, soff, slen;
+	bool in_slot = !live.empty() &&
+		       find_slot(dev, live[rng_() % live.size()], &sblk, &soff, &slen) &&
+		       slen > 0;
+	if (in_slot)
+		r.blk = rng_() % 2 ? sblk : sblk + 32;
 	bool twin_damaged = std::any_of(g_rots.begin(), g_rots.end(),
 		[&](const Rot &o) { return o.dev == r.dev && o.blk == twin(r.blk); });
 	if (twin_damaged || r.blk == 1 || r.blk == 33)
@@ -625,7 +639,8 @@ void Driver::rot(u32 dev)
 	// A single bit, or up to eight bytes anywhere in the block.
 	u32 bytes = rng_() % 2 ? 1 : 1 + static_cast<u32>(rng_() % 8);
 	for (u32 k = 0; k < bytes; k++) {
-		r.offs.push_back(static_cast<u32>(rng_() % 65536));
+		r.offs.push_back(in_slot ? soff + static_cast<u32>(rng_() % slen) :
+				 static_cast<u32>(rng_() % 65536));
 		tb::flash::flip_bits(r.dev, r.blk, r.offs.back(),
 				     static_cast<std::uint8_t>(bytes == 1 ? 1u << (rng_() % 8) :
 							       1 + rng_() % 255));
@@ -691,8 +706,20 @@ std::string Driver::step(u32 i)
 			else
 				len = 1 + static_cast<u32>(rng_() % (band % 3 ? 256 : 4096));
 			len = std::min(len, cfg_.max_size);
+			// Rewrites in place: a third of the writes to a stored
+			// item keep its length (and a few its very bytes).
+			std::vector<Value> now = model_.allowed(dev, name);
+			if (now.size() == 1 && now[0] && !now[0]->empty() &&
+			    rng_() % 3 == 0)
+				len = static_cast<u32>(now[0]->size());
 		}
 		newv = random_value(len);
+		if (!s) {
+			std::vector<Value> now = model_.allowed(dev, name);
+			if (now.size() == 1 && now[0] && now[0]->size() == len &&
+			    rng_() % 8 == 0)
+				newv = now[0];
+		}
 		Bytes v = *newv;
 		run = [=]() { return store::set(dev, name, v, via); };
 	} else {
