@@ -490,7 +490,7 @@ std::string tally_table()
 	   << "| random runs | " << t.runs << " |\n"
 	   << "| operations through the entry points | " << t.ops << " |\n"
 	   << "| item reads checked against the model | " << t.checks << " |\n"
-	   << "| content rebuilds caused | " << t.rebuilds << " |\n"
+	   << "| content compactions started | " << t.rebuilds << " |\n"
 	   << "| faults injected, all kinds | " << faults << " |\n";
 	for (const auto &kv : t.faults)
 		os << "| - " << kv.first << " | " << kv.second << " |\n";
