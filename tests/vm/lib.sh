@@ -72,6 +72,7 @@ vm_prepare() {
 	for prog in vmtest stress; do
 		bin=$VM_OUT/$prog
 		if [ ! -x "$bin" ] || [ "$VM_DIR/$prog.cpp" -nt "$bin" ] ||
+			[ "$VM_DIR/vmio.h" -nt "$bin" ] ||
 			[ "$VM_ROOT/include/uapi/user_cfg.h" -nt "$bin" ]; then
 			aarch64-linux-gnu-g++ -std=c++17 -static -O2 -Wall -Wextra \
 				-Werror -I"$VM_ROOT/include" "$VM_DIR/$prog.cpp" \

@@ -48,8 +48,12 @@
 #include <vector>
 
 #include "uapi/user_cfg.h"
+#include "vmio.h"
 
 namespace {
+
+using vmio::put;
+using vmio::sh;
 
 using Bytes = std::vector<uint8_t>;
 using Value = std::optional<Bytes>; // nullopt: a dynamic item not stored
@@ -84,17 +88,6 @@ void say(const std::string &line)
 	std::string l = line + "\n";
 	ssize_t n = write(1, l.data(), l.size());
 	(void)n;
-}
-
-int put(const std::string &path, const std::string &text)
-{
-	int fd = open(path.c_str(), O_WRONLY);
-	if (fd < 0)
-		return errno;
-	ssize_t n = write(fd, text.data(), text.size());
-	int err = n < 0 ? errno : 0;
-	close(fd);
-	return err;
 }
 
 unsigned long long get_num(const std::string &path)
@@ -688,12 +681,6 @@ bool hand_node_to_daemon()
 		usleep(10000);
 	}
 	return false;
-}
-
-int sh(const std::string &cmd)
-{
-	int st = std::system((cmd + " >/dev/null 2>&1").c_str());
-	return WIFEXITED(st) ? WEXITSTATUS(st) : 255;
 }
 
 // One phase: every worker runs for the given time while the faults come and

@@ -46,8 +46,12 @@
 #include <vector>
 
 #include "uapi/user_cfg.h"
+#include "vmio.h"
 
 namespace {
+
+using vmio::put;
+using vmio::sh;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -145,24 +149,6 @@ std::string trim(std::string s)
 	while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
 		s.pop_back();
 	return s;
-}
-
-// Writes text to a sysfs/debugfs file; returns 0 or the errno.
-int put(const std::string &path, const std::string &text)
-{
-	int fd = open(path.c_str(), O_WRONLY);
-	if (fd < 0)
-		return errno;
-	ssize_t n = write(fd, text.data(), text.size());
-	int err = n < 0 ? errno : 0;
-	close(fd);
-	return err;
-}
-
-int sh(const std::string &cmd)
-{
-	int st = std::system((cmd + " >/dev/null 2>&1").c_str());
-	return WIFEXITED(st) ? WEXITSTATUS(st) : 255;
 }
 
 bool module_loaded(const std::string &name)
