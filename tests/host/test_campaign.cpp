@@ -384,6 +384,11 @@ std::string run_config(const Config &c, std::uint64_t seed, u32 steps, model::Dr
 
 class Random : public tb::Fixture {
 protected:
+	// With UCFG_SEED the runs replay (or, in make torture, vary) another
+	// seed: the model still judges every step, but the figures each fixed
+	// seed is known to reach (faults, damage, a full table) are not asked.
+	static bool fixed_seed() { return !std::getenv("UCFG_SEED"); }
+
 	model::DriverStats run(u32 idx, std::uint64_t seed)
 	{
 		const Config &c = kConfigs[idx];
@@ -398,8 +403,10 @@ protected:
 TEST_F(Random, NoFaults)
 {
 	const model::DriverStats st = run(0, 11);
-	EXPECT_GT(model::tally().rebuilds, 0u);
 	EXPECT_EQ(st.faults, 0u);
+	if (fixed_seed()) {
+		EXPECT_GT(model::tally().rebuilds, 0u);
+	}
 }
 
 TEST_F(Random, FaultsAndDamage)
@@ -407,19 +414,21 @@ TEST_F(Random, FaultsAndDamage)
 	for (std::uint64_t seed : {12, 13, 14}) {
 		tb::reset();
 		const model::DriverStats st = run(1, seed);
+		if (!fixed_seed())
+			break;
 		EXPECT_GT(st.faults, 20u);
 		EXPECT_GT(st.rots, 20u);
 		EXPECT_GT(st.losses, 0u);
-		if (std::getenv("UCFG_SEED"))
-			break;
 	}
 }
 
 TEST_F(Random, FullItemTable)
 {
 	const model::DriverStats st = run(2, 13);
-	EXPECT_GT(st.nospace, 0u) << "the table never filled up";
-	EXPECT_GT(st.faults, 3u);
+	if (fixed_seed()) {
+		EXPECT_GT(st.nospace, 0u) << "the table never filled up";
+		EXPECT_GT(st.faults, 3u);
+	}
 }
 
 // Seeds that once failed, kept with what they found.
