@@ -10,7 +10,12 @@
 #   make host            host test bed (build/host) and its tests
 #   make tsan, make fuzz concurrency tests under TSan; the ioctl fuzzer
 #   make tools           the ucfg client (build/tools) and its tests
-#   make lint            checkpatch --strict and sparse
+#   make lint            checkpatch --strict, sparse, kernel-doc, man pages
+#   make dkms            the DKMS package: add, build, install, remove
+#                        against the installed amd64 headers (throwaway trees)
+#   make dkms-source [DKMS_SOURCE=dir]
+#                        assemble the DKMS package source tree (default
+#                        /usr/src/drv_user_cfg-VERSION)
 #   make check           everything CI runs
 #   make image [TARGET]  fetch the target's kernel image for the VM
 #   make vm              the module in QEMU: arm64 5.10 and 6.1, and 5.10 debug
@@ -38,6 +43,7 @@ KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
 .PHONY: module modules host tsan fuzz tools tools-arm64 lint vm check setup \
+	dkms dkms-source \
 	image demo torture figures vm-debug stress \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS) arm64-5.10-debug)
@@ -81,6 +87,14 @@ tools-arm64:
 lint:
 	scripts/lint.sh
 
+# The DKMS package with Debian's dkms: built for the installed amd64 headers
+# in throwaway trees, nothing loaded (scripts/dkms-check.sh).
+dkms:
+	scripts/dkms-check.sh
+
+dkms-source:
+	scripts/dkms-source.sh $(DKMS_SOURCE)
+
 # The module in real kernels under QEMU: Debian's arm64 5.10 (the target)
 # and 6.1, and the same 5.10 source built with KASAN, kmemleak, lockdep and
 # debug objects (built once into .cache/, about 4 minutes cold), each with
@@ -105,7 +119,7 @@ image:
 
 # Every stage runs even when an earlier one failed, so that one CI run shows
 # all that is wrong; the exit status is non-zero if any stage failed.
-CHECK_STAGES := host tsan fuzz tools modules lint vm
+CHECK_STAGES := host tsan fuzz tools modules dkms lint vm
 
 check: setup
 	@failed=""; \
@@ -143,4 +157,4 @@ distclean: clean
 	rm -rf .cache
 
 help:
-	@sed -n '3,23s/^# \{0,1\}//p' Makefile
+	@sed -n '3,29s/^# \{0,1\}//p' Makefile

@@ -19,8 +19,10 @@ PACKAGES=(
 	# kernel module builds against unpacked Debian headers
 	gcc-aarch64-linux-gnu g++-aarch64-linux-gnu bc flex bison libelf-dev
 	kmod rsync xz-utils
-	# lint
-	sparse
+	# lint (man pages: groff)
+	sparse groff-base
+	# DKMS package test: Debian's dkms and the current amd64 headers
+	dkms linux-headers-amd64
 	# VM harness
 	device-tree-compiler qemu-system-arm cpio
 )
