@@ -72,6 +72,32 @@ static int devdrv_config_build_kpara(struct user_cfg_para *para,
 	return 0;
 }
 
+/**
+ * hal_kernel_get_user_config() - Read a configuration item by name.
+ * @device_id: device number, below the device count of the control module.
+ * @item_name: NUL-terminated item name of at most 31 characters: one of the
+ *	six catalogue items of this board, or any other name for a named
+ *	(dynamic) item.
+ * @data: buffer that receives the value.
+ * @size: room in @data in bytes, 1 to 32768. A catalogue item needs at
+ *	least its value length (for example 4 for "p2p_mem_cfg"); a named
+ *	item at least its stored length.
+ * @out_len: receives the length of the value written to @data.
+ *
+ * A catalogue item that was never set reads as its default value. The
+ * caller is trusted: no capability or whitelist check is made.
+ *
+ * Context: Process context; sleeps. Takes the device's flash lock around
+ * the flash work, so it is serialised with every other request for the
+ * same device. Must not be called with that lock held.
+ * Return: 0 on success, with @data and *@out_len filled. -EINVAL for a bad
+ * argument, a device number not below the count, no control module loaded
+ * (or one reporting more than 2 devices), a name of 32 characters or
+ * more, or @size too small; -ENOENT for a named item that was never set;
+ * -ENXIO when the item's content fails its check code in both copies;
+ * -ENODEV when the board id or the flash cannot be read; -ENOMEM; or
+ * another negative errno of the flash store.
+ */
 int hal_kernel_get_user_config(u32 device_id, const char *item_name,
 			       u8 *data, u32 size, u32 *out_len)
 {
@@ -109,6 +135,30 @@ int hal_kernel_get_user_config(u32 device_id, const char *item_name,
 }
 EXPORT_SYMBOL(hal_kernel_get_user_config);
 
+/**
+ * hal_kernel_set_user_config() - Store a configuration item by name.
+ * @device_id: device number, below the device count of the control module.
+ * @item_name: NUL-terminated item name of at most 31 characters; a name
+ *	that is not a catalogue item of this board is stored as a named item.
+ * @data: the new value.
+ * @size: length of @data, 1 to 32768. A catalogue item takes exactly its
+ *	value length (1 for "ssh_status"); a named item is stored with
+ *	exactly @size bytes.
+ *
+ * Both flash copies are written (main first) and verified by reading them
+ * back. Every write attempt, failed ones included, is followed by a
+ * 100 ms sleep after the flash lock has been released, so only the caller
+ * is delayed; calls refused by the argument checks return at once.
+ *
+ * Context: Process context; sleeps (flash I/O, then 100 ms). Takes the
+ * device's flash lock around the flash work; must not be called with it
+ * held.
+ * Return: 0 on success. -EINVAL for a bad argument, device number or name
+ * (as for hal_kernel_get_user_config()) or a catalogue value of the wrong
+ * length; -ENOSPC when no content block has room or the item table is
+ * full; -ENODEV when the flash cannot be read or written or a write does
+ * not read back; -ENOMEM; or another negative errno of the flash store.
+ */
 int hal_kernel_set_user_config(u32 device_id, const char *item_name,
 			       u8 *data, u32 size)
 {
@@ -166,9 +216,21 @@ static int devdrv_config_user_item_op(u32 device_id, int cfg_index)
 	return ret;
 }
 
-/*
- * Clears static item cfg_index of device 0 or 1 back to its default. An
- * index outside the catalogue names the dynamic item with the empty name.
+/**
+ * devdrv_config_clear_user_item() - Return a catalogue item to its default.
+ * @device_id: device number, 0 or 1 (a fixed bound, not the device count).
+ * @cfg_index: catalogue index, 0 to 5 (see devdrv_get_config_index_by_name()).
+ *
+ * The item's record is marked unset, so it reads as its default again. An
+ * index outside the catalogue is not refused: it names the named item with
+ * the empty name, which is removed if it exists (-ENOENT otherwise).
+ *
+ * Context: Process context; sleeps. Takes the device's flash lock; must
+ * not be called with it held.
+ * Return: 0 on success; -EINVAL for a device number above 1; -ENOENT for
+ * an index outside the catalogue when no such item exists; -ENODEV when
+ * the flash cannot be read or written; -ENOMEM; or another negative errno
+ * of the flash store.
  */
 int devdrv_config_clear_user_item(u32 device_id, int cfg_index)
 {

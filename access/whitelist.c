@@ -205,10 +205,21 @@ static int whitelist_check_process_info(struct whitelist_exe *exe)
 	return ret;
 }
 
-/*
- * 0 when the calling process passes; -1 for a bad argument, an executable
- * that cannot be determined or a name not in name_list; -ENXIO when no row
- * of the daemon table matches.
+/**
+ * whitelist_process_handler() - Check that the caller is a trusted daemon.
+ * @name_list: array of @name_num NUL-terminated executable names.
+ * @name_num: number of names in @name_list, at most 50.
+ *
+ * The calling task passes when the file name of its executable (not its
+ * command name, which a task may change) is in @name_list and its real
+ * user id, executable name and full executable path match a row of the
+ * module's table of trusted daemons.
+ *
+ * Context: Process context of the task to be checked; sleeps. Takes no
+ * flash lock and must not be called with one held.
+ * Return: 0 when the caller passes; -1 for a bad argument, an executable
+ * that cannot be determined or a name not in @name_list; -ENXIO when no
+ * row of the daemon table matches.
  */
 int whitelist_process_handler(const char *const *name_list, u32 name_num)
 {

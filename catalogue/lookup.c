@@ -59,9 +59,19 @@ static s32 devdrv_get_boardid_by_reg(void)
 	return board_id;
 }
 
-/*
- * Returns the catalogue index of name, -1 when the name is not a static
- * item of this board (the caller then treats it as a dynamic item), or
+/**
+ * devdrv_get_config_index_by_name() - Resolve an item name.
+ * @name: item name, compared over at most 32 bytes (a shorter name ends at
+ *	its NUL).
+ *
+ * The catalogue rows are matched by name and by the board id, which is
+ * read from its register on the first call and cached for the module's
+ * life.
+ *
+ * Context: Process context; may sleep on the first call (maps the board-id
+ * register). Takes no lock.
+ * Return: the catalogue index 0 to 5; -1 when @name is no catalogue item of
+ * this board (callers treat it as a named item); -EINVAL for a null @name;
  * -ENODEV when the board id cannot be read.
  */
 int devdrv_get_config_index_by_name(const char *name)

@@ -54,6 +54,27 @@ static int devdrv_config_get_item(u8 *image, int cfg_index, u8 *buf,
 	return devdrv_config_get_item_extract(image, row, buf, buf_size);
 }
 
+/**
+ * devdrv_get_user_config_core() - Read a catalogue item by index.
+ * @dev_id: device number.
+ * @cfg_index: catalogue index, 0 to 5.
+ * @buf: buffer that receives the value.
+ * @buf_size: in: room in @buf; out: the value's length (the catalogue
+ *	size less the leading valid byte).
+ *
+ * Reads the valid head copy (repairing a damaged one) and delivers the
+ * stored value, or the item's default when none is stored or no valid head
+ * exists. Unlike the by-name functions it does not check @dev_id against
+ * the device count.
+ *
+ * Context: Process context; sleeps. Takes the device's flash lock for
+ * devices 0 to 3 unless the calling task already holds it, so it may be
+ * called both alone and from within an item operation.
+ * Return: 0 on success; -EINVAL for a null @buf or @buf_size, an index
+ * outside the catalogue or a buffer smaller than the value; -ENODEV when
+ * the flash cannot be read; -ENOMEM; or the error of the item's default
+ * provider (for "cpu_num_cfg": -EINVAL without the control module).
+ */
 int devdrv_get_user_config_core(u32 dev_id, int cfg_index, u8 *buf,
 				u32 *buf_size)
 {

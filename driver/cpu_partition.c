@@ -153,11 +153,24 @@ static int dev_user_cfg_init_cpu_info(u32 dev_num)
 	return 0;
 }
 
-/*
- * The table has room for 4 devices. A control module reporting more is
- * served for devices 0 to 3 only: the table is filled for those, and a
- * device number beyond the table is refused like one beyond the count,
- * rather than read or written out of bounds.
+/**
+ * dev_user_cfg_get_cpu_number() - CPUs of each group of a device.
+ * @dev_id: device number, below the device count of the control module.
+ * @cpu_nums_cfg: receives the number of control, data, AI and
+ *	task-scheduler CPUs of the device (with their scheduling counts).
+ *
+ * The numbers come from the cgroup cpusets of the running system, read for
+ * all devices on the first successful call and kept for the module's
+ * life. The table has room for 4 devices: a control module reporting more
+ * is served for devices 0 to 3 only, and a device number beyond the table
+ * is refused like one beyond the count rather than read out of bounds.
+ *
+ * Context: Process context; sleeps (reads files on the first call). Takes
+ * no flash lock.
+ * Return: 0 on success; -EINVAL for a null @cpu_nums_cfg or a device
+ * number out of range, or when the control module is not loaded; the
+ * control module's error when it cannot report the count; or the error of
+ * reading the cpuset files on the first call.
  */
 int dev_user_cfg_get_cpu_number(u32 dev_id,
 				struct dev_user_cfg_cpu_nums *cpu_nums_cfg)
@@ -204,6 +217,19 @@ int dev_user_cfg_get_cpu_number(u32 dev_id,
 }
 EXPORT_SYMBOL(dev_user_cfg_get_cpu_number);
 
+/**
+ * dev_user_cfg_get_cpu_cfg() - Configured CPU numbers of a device.
+ * @dev_id: device number, 0 or 1.
+ * @cpu_cfg: array of three numbers that receives the control, data and AI
+ *	CPU numbers of the "cpu_num_cfg" item (its default, the device
+ *	tree's numbers, when it was never set). Must not be null.
+ * @size: size of @cpu_cfg in bytes; must be 12.
+ *
+ * Context: Process context; sleeps. Takes the device's flash lock while
+ * reading the item.
+ * Return: 0 on success; -EINVAL for a @size other than 12 or a device
+ * number above 1; otherwise the error of devdrv_get_user_config_core().
+ */
 int dev_user_cfg_get_cpu_cfg(u32 dev_id, u32 *cpu_cfg, u32 size)
 {
 	u8 value[CPU_CFG_VALUE_LEN] = { 0 };

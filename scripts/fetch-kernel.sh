@@ -5,12 +5,15 @@
 # repository's cache, never installing them system-wide, so that several
 # targets coexist side by side.
 #
-#   scripts/fetch-kernel.sh TARGET [headers|image]
+#   scripts/fetch-kernel.sh TARGET [headers|image|source]
 #
 #   TARGET   arm64-5.10 | arm64-6.1 | x86_64-6.1 | arm64-5.10-debug
 #   headers  (default) headers + kbuild host tools; prints the directory to
 #            pass to "make -C" on the last line of stdout
 #   image    the kernel image package for the VM; prints the vmlinuz path
+#   source   arm64-5.10 only: Debian's linux-source-5.10 package (the whole
+#            source as a tarball inside the .deb); prints the .deb's path.
+#            Left packed: callers take what they need from it.
 #
 # arm64-5.10-debug is not a Debian package but our own build of the same
 # 5.10 source with the kernel's checkers on (scripts/build-debug-kernel.sh,
@@ -22,6 +25,7 @@
 #   kernel/TARGET/root/         the target's packages unpacked with dpkg -x
 #   kernel/TARGET/headers.done  the make -C directory, written last
 #   kernel/TARGET/image.done    the vmlinuz path, written last
+#   kernel/TARGET/source.done   the linux-source .deb's path
 #
 # A stamp is written only after everything it covers is in place, so an
 # interrupted run is simply redone. With the stamp present the script neither
@@ -45,7 +49,8 @@ die() { log "error: $*"; exit 1; }
 
 case $WHAT in
 headers | image) ;;
-*) die "unknown part '$WHAT' (headers or image)" ;;
+source) [ "$TARGET" = arm64-5.10 ] || die "source is for arm64-5.10 only" ;;
+*) die "unknown part '$WHAT' (headers, image or source)" ;;
 esac
 
 if [ "$TARGET" = arm64-5.10-debug ]; then
@@ -195,6 +200,15 @@ esac
 
 ROOTFS=$TDIR/root
 mkdir -p "$ROOTFS"
+
+if [ "$WHAT" = source ]; then
+	ver=$(candidate linux-source-5.10)
+	fetch_deb linux-source-5.10 all "$ver"
+	echo "$DEB" >"$STAMP"
+	log "source linux-source-5.10 $ver"
+	cat "$STAMP"
+	exit 0
+fi
 
 if [ "$WHAT" = image ]; then
 	pkg=linux-image-$ABI-$FLAVOUR

@@ -3,7 +3,7 @@
 #
 # Kernel-side static checks; any finding fails.
 #
-#   scripts/lint.sh [checkpatch|sparse]...     (default: both)
+#   scripts/lint.sh [checkpatch|sparse|kerneldoc|man]...   (default: all)
 #
 # checkpatch: --strict --no-tree -f over every .c/.h of the module and of the
 #   stand-in sibling modules. checkpatch.pl and the data files it reads are
@@ -12,6 +12,15 @@
 # sparse: the module builds again with C=2 (check every file, whether or not
 #   it is rebuilt) against the x86_64-6.1 and arm64-5.10 headers; any sparse
 #   warning fails the build (see build-module.sh).
+# kerneldoc: scripts/kernel-doc of Debian's linux-source-5.10 (the target's
+#   kernel; only that one script is taken from the tarball and kept in
+#   .cache/kernel-doc/) runs with -v over the module's sources: any warning
+#   fails, and so does a function exported with EXPORT_SYMBOL* whose
+#   definition has no kernel-doc comment with "Context:" and "Return:"
+#   sections. The rendered reStructuredText of the exported API is left in
+#   build/lint/kernel-api.rst.
+# man: every tools/*.1 through groff (-man -ww -z) and man-db's
+#   "man --warnings" at 80 columns; any diagnostic fails.
 #
 # Ignored checkpatch message types, each for the files named only, with the
 # reason it does not apply (keep this list short; everything else counts):
@@ -158,13 +167,95 @@ run_sparse() {
 	log "sparse: clean"
 }
 
+KD_DIR=$CACHE/kernel-doc
+KD=$KD_DIR/kernel-doc
+# The module's own sources; sim/ holds test stand-ins, not API.
+KD_DIRS=(include common driver store catalogue dynamic access)
+
+fetch_kernel_doc() {
+	[ -x "$KD" ] && return 0
+	mkdir -p "$KD_DIR"
+	exec 8>"$KD_DIR.lock"
+	flock 8
+	[ -x "$KD" ] && return 0
+	local deb
+	deb=$("$ROOT/scripts/fetch-kernel.sh" arm64-5.10 source | tail -n1)
+	log "extracting scripts/kernel-doc from $deb"
+	dpkg-deb --fsys-tarfile "$deb" |
+		tar -xO ./usr/src/linux-source-5.10.tar.xz | xz -dc |
+		tar -xO linux-source-5.10/scripts/kernel-doc >"$KD.tmp"
+	[ -s "$KD.tmp" ] || { log "no scripts/kernel-doc in $deb"; exit 1; }
+	chmod +x "$KD.tmp"
+	mv "$KD.tmp" "$KD"
+}
+
+run_kerneldoc() {
+	fetch_kernel_doc
+	local files=() out rst=$ROOT/build/lint/kernel-api.rst missing
+	mapfile -t files < <(cd "$ROOT" && find "${KD_DIRS[@]}" -type f \
+		\( -name '*.c' -o -name '*.h' \) | sort)
+	log "kernel-doc on ${#files[@]} files"
+	# -v adds the checks of parameters and return values; its progress
+	# lines ("Scanning doc for ...", "info:") are not findings.
+	out=$(cd "$ROOT" && "$KD" -v -none "${files[@]}" 2>&1 |
+		grep -E 'warning|error' || true)
+	mkdir -p "$(dirname "$rst")"
+	(cd "$ROOT" && "$KD" -rst -export "${files[@]}" 2>/dev/null) >"$rst"
+	# Every export, with the Context and Return sections in its rendering.
+	missing=$(cd "$ROOT" && grep -ho 'EXPORT_SYMBOL\(_GPL\)\?([a-z_0-9]*)' \
+		"${files[@]}" | sed 's/.*(\(.*\))/\1/' | sort -u |
+		while read -r sym; do
+			awk -v sym="$sym" '
+				/^\.\. c:function::/ {
+					inblk = ($0 ~ ("[ *]" sym " ?\\("))
+				}
+				inblk && /^\*\*Context\*\*/ { ctx = 1 }
+				inblk && /^\*\*Return\*\*/ { ret = 1 }
+				END { exit !(ctx && ret) }' "$rst" ||
+				echo "$sym"
+		done)
+	if [ -n "$missing" ]; then
+		out+=$'\n'"exported without kernel-doc (Context: and Return:): "
+		out+=$(echo $missing)
+	fi
+	if [ -n "${out//[$'\n ']/}" ]; then
+		echo "$out"
+		log "kernel-doc: FAILED"
+		return 1
+	fi
+	log "kernel-doc: clean, every export documented ($rst)"
+}
+
+run_man() {
+	local f out="" status=0 pages=()
+	mapfile -t pages < <(cd "$ROOT" && ls tools/*.1 2>/dev/null)
+	[ ${#pages[@]} -gt 0 ] || { log "man: no pages"; return 1; }
+	command -v groff >/dev/null ||
+		{ log "groff not installed (run scripts/setup.sh)"; exit 1; }
+	for f in "${pages[@]}"; do
+		out+=$(cd "$ROOT" && groff -man -ww -z "$f" 2>&1)
+		out+=$(cd "$ROOT" && LC_ALL=C.UTF-8 MANWIDTH=80 \
+			man --warnings -E UTF-8 -l "$f" 2>&1 >/dev/null)
+	done
+	if [ -n "$out" ]; then
+		echo "$out"
+		status=1
+		log "man: FAILED"
+	else
+		log "man: ${pages[*]} clean"
+	fi
+	return $status
+}
+
 steps=("$@")
-[ ${#steps[@]} -gt 0 ] || steps=(checkpatch sparse)
+[ ${#steps[@]} -gt 0 ] || steps=(checkpatch sparse kerneldoc man)
 rc=0
 for s in "${steps[@]}"; do
 	case $s in
 	checkpatch) run_checkpatch || rc=1 ;;
 	sparse) run_sparse || rc=1 ;;
+	kerneldoc) run_kerneldoc || rc=1 ;;
+	man) run_man || rc=1 ;;
 	*) log "unknown step $s"; exit 2 ;;
 	esac
 done

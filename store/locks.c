@@ -72,6 +72,15 @@ static struct {
 	.sign_mutex = __MUTEX_INITIALIZER(g_sign_type.sign_mutex),
 };
 
+/**
+ * devdrv_config_get_pss_cfg() - Read the signature type.
+ * @dev_id: ignored: the signature type is one value for the whole system.
+ * @sign: receives the signature type, 0 or 1 (1 from module start on).
+ *
+ * Context: Process context; sleeps on the setting's own mutex, which is
+ * never held together with a flash lock.
+ * Return: 0 on success; -EINVAL for a null @sign.
+ */
 int devdrv_config_get_pss_cfg(u32 dev_id, u32 *sign)
 {
 	u32 value;
@@ -90,6 +99,15 @@ int devdrv_config_get_pss_cfg(u32 dev_id, u32 *sign)
 }
 EXPORT_SYMBOL(devdrv_config_get_pss_cfg);
 
+/**
+ * devdrv_config_set_pss_cfg() - Set the signature type.
+ * @dev_id: ignored: the signature type is one value for the whole system.
+ * @sign: the new signature type, 0 or 1. It is kept in memory only and
+ *	reset to 1 when the module is loaded again.
+ *
+ * Context: Process context; sleeps on the setting's own mutex.
+ * Return: 0 on success; -EINVAL for a value above 1.
+ */
 int devdrv_config_set_pss_cfg(u32 dev_id, u32 sign)
 {
 	if (sign > 1) {
