@@ -93,8 +93,9 @@ static int devdrv_config_build_kpara(struct user_cfg_para *para,
  * Return: 0 on success, with @data and *@out_len filled. -EINVAL for a bad
  * argument, a device number not below the count, no control module loaded
  * (or one reporting more than 2 devices), a name of 32 characters or
- * more, or @size too small; -ENOENT for a named item that was never set;
- * -ENXIO when the item's content fails its check code in both copies;
+ * more, or @size smaller than a catalogue item's value; -ENOENT for a
+ * named item that was never set; -ENXIO when @size is smaller than a named
+ * item's content or the content fails its check code in both copies;
  * -ENODEV when the board id or the flash cannot be read; -ENOMEM; or
  * another negative errno of the flash store.
  */

@@ -233,7 +233,7 @@ run_man() {
 	command -v groff >/dev/null ||
 		{ log "groff not installed (run scripts/setup.sh)"; exit 1; }
 	for f in "${pages[@]}"; do
-		out+=$(cd "$ROOT" && groff -man -ww -z "$f" 2>&1)
+		out+=$(cd "$ROOT" && groff -man -ww -z "$f" 2>&1 | sed "s/$/\n/")
 		out+=$(cd "$ROOT" && LC_ALL=C.UTF-8 MANWIDTH=80 \
 			man --warnings -E UTF-8 -l "$f" 2>&1 >/dev/null)
 	done
