@@ -3,7 +3,7 @@
 #
 # Kernel-side static checks; any finding fails.
 #
-#   scripts/lint.sh [checkpatch|sparse|kerneldoc|man]...   (default: all)
+#   scripts/lint.sh [checkpatch|sparse|kerneldoc|kconfig|man]...  (default: all)
 #
 # checkpatch: --strict --no-tree -f over every .c/.h of the module and of the
 #   stand-in sibling modules. checkpatch.pl and the data files it reads are
@@ -19,6 +19,11 @@
 #   definition has no kernel-doc comment with "Context:" and "Return:"
 #   sections. The rendered reStructuredText of the exported API is left in
 #   build/lint/kernel-api.rst.
+# kconfig: the in-tree Kconfig entry, read by the kernel's own kconfig
+#   (scripts/kconfig/conf of the installed linux-kbuild) in a tiny tree that
+#   places it at drivers/misc/user_cfg/ beside stand-ins for the symbols it
+#   depends on: it must parse without a diagnostic, "=m" must select the
+#   SHA-256 code, and removing any one dependency must switch it off.
 # man: every tools/*.1 through groff (-man -ww -z) and man-db's
 #   "man --warnings" at 80 columns; any diagnostic fails.
 #
@@ -247,14 +252,61 @@ run_man() {
 	return $status
 }
 
+run_kconfig() {
+	local conf tree=$ROOT/build/lint/kconfig dep off cfg out
+	conf=$(ls /usr/lib/linux-kbuild-*/scripts/kconfig/conf 2>/dev/null |
+		tail -n1)
+	[ -x "$conf" ] ||
+		{ log "no kconfig tool (linux-kbuild; run scripts/setup.sh)"; exit 1; }
+	# kconfig_tree DEP: the tiny tree with DEP (if any) switched off.
+	kconfig_tree() {
+		rm -rf "$tree"
+		mkdir -p "$tree/drivers/misc/user_cfg"
+		cp "$ROOT/Kconfig" "$tree/drivers/misc/user_cfg/Kconfig"
+		{
+			echo 'mainmenu "drv_user_cfg in a kernel tree"'
+			printf 'config MODULES\n\tbool "m"\n\tdefault %s\n\tmodules\n' \
+				"$([ "$1" = MODULES ] && echo n || echo y)"
+			for d in OF HAS_IOMEM; do
+				printf 'config %s\n\tdef_bool %s\n' "$d" \
+					"$([ "$1" = "$d" ] && echo n || echo y)"
+			done
+			for d in CRYPTO CRYPTO_HASH CRYPTO_SHA256; do
+				printf 'config %s\n\ttristate\n' "$d"
+			done
+			echo 'source "drivers/misc/user_cfg/Kconfig"'
+		} >"$tree/Kconfig"
+		echo CONFIG_DRV_USER_CFG=m >"$tree/frag"
+		(cd "$tree" && srctree=$tree KCONFIG_CONFIG=$tree/.config \
+			"$conf" -s --defconfig=frag Kconfig 2>&1)
+	}
+	out=$(kconfig_tree "")
+	cfg=$(cat "$tree/.config")
+	if [ -n "$out" ] || ! grep -qx CONFIG_DRV_USER_CFG=m <<<"$cfg" ||
+		! grep -qx 'CONFIG_CRYPTO_SHA256=[my]' <<<"$cfg"; then
+		echo "$out"
+		log "kconfig: FAILED: DRV_USER_CFG=m not taken, or SHA-256 not selected"
+		return 1
+	fi
+	for dep in OF HAS_IOMEM MODULES; do
+		out=$(kconfig_tree "$dep")
+		if grep -q '^CONFIG_DRV_USER_CFG=' "$tree/.config"; then
+			log "kconfig: FAILED: DRV_USER_CFG is offered without $dep"
+			return 1
+		fi
+	done
+	log "kconfig: clean ($conf)"
+}
+
 steps=("$@")
-[ ${#steps[@]} -gt 0 ] || steps=(checkpatch sparse kerneldoc man)
+[ ${#steps[@]} -gt 0 ] || steps=(checkpatch sparse kerneldoc kconfig man)
 rc=0
 for s in "${steps[@]}"; do
 	case $s in
 	checkpatch) run_checkpatch || rc=1 ;;
 	sparse) run_sparse || rc=1 ;;
 	kerneldoc) run_kerneldoc || rc=1 ;;
+	kconfig) run_kconfig || rc=1 ;;
 	man) run_man || rc=1 ;;
 	*) log "unknown step $s"; exit 2 ;;
 	esac
