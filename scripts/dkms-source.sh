@@ -17,9 +17,12 @@ VERSION=$(tr -d ' \n' <"$ROOT/VERSION")
 	{ echo "dkms-source: bad VERSION '$VERSION'" >&2; exit 1; }
 DEST=${1:-/usr/src/drv_user_cfg-$VERSION}
 
-# The directories of drv_user_cfg.ko; Kbuild's object list must only name
-# files below them.
-MODULE_DIRS=(include common driver store catalogue dynamic access)
+# The directories of drv_user_cfg.ko, as Kbuild's object list names them,
+# and include/ for the headers.
+mapfile -t MODULE_DIRS < <(sed -n 's#^[[:space:]]*\([a-z_]*\)/[a-z_0-9]*\.o.*#\1#p' \
+	"$ROOT/Kbuild" | sort -u)
+[ ${#MODULE_DIRS[@]} -gt 0 ] || { echo "dkms-source: no objects in Kbuild" >&2; exit 1; }
+MODULE_DIRS+=(include)
 
 rm -rf "$DEST"
 mkdir -p "$DEST"

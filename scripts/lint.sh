@@ -175,7 +175,10 @@ run_sparse() {
 KD_DIR=$CACHE/kernel-doc
 KD=$KD_DIR/kernel-doc
 # The module's own sources; sim/ holds test stand-ins, not API.
-KD_DIRS=(include common driver store catalogue dynamic access)
+KD_DIRS=()
+for d in "${CHECK_DIRS[@]}"; do
+	[ "$d" = sim ] || KD_DIRS+=("$d")
+done
 
 fetch_kernel_doc() {
 	[ -x "$KD" ] && return 0
