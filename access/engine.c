@@ -121,12 +121,14 @@ static int devdrv_clear_user_config_static(struct user_cfg_para *para)
  * it is on flash, with only this slot taken from the backup copy. Other
  * slots of the backup block may be damaged; they never reach the main copy.
  *
- * The slot's place must be the one the main head gives: the read may have
- * gone through the backup head, which can describe an older layout of the
- * main block. So the valid head is loaded again and the item looked up in
- * it; only when the main head holds the very record the read used is the
- * slot restored. Otherwise nothing is written (the next sync repairs what
- * the main head describes).
+ * The slot's place must be the one the main head gives. When the read
+ * found the item through the main head, head_blk is that head, validated
+ * under the lock this call still holds, so it is used as it is. When the
+ * read went through the backup head, which can describe an older layout
+ * of the main block, the valid head is loaded again and the item looked up
+ * in it; only when the main head holds the very record the read used is
+ * the slot restored. Otherwise nothing is written (the next sync repairs
+ * what the main head describes).
  */
 static int devdrv_config_repair_main_slot(struct user_cfg_para *para,
 					  struct user_cfg_op_ctx *ctx)
@@ -141,15 +143,18 @@ static int devdrv_config_repair_main_slot(struct user_cfg_para *para,
 		UCFG_ERR("Ka_vmalloc content block failed.\n");
 		return -ENOMEM;
 	}
-	ret = devdrv_config_get_valid_block(ctx->dev_id, ctx->head_blk,
-					    &ctx->blk_state, &ctx->head_blk_id);
-	if (ret != 0 || ctx->blk_state == UCFG_BLK_STATE_NONE ||
-	    ctx->head_blk_id != UCFG_HEAD_MAIN_BLK)
-		goto free_main;
-	ret = devdrv_get_usr_cfg_name_info(ctx, para->name);
-	if (ret != 0 || ctx->head_idx == -1 ||
-	    memcmp(ctx->item_head, &used, sizeof(used)) != 0)
-		goto free_main;
+	if (ctx->bk_head_retry) {
+		ret = devdrv_config_get_valid_block(ctx->dev_id, ctx->head_blk,
+						    &ctx->blk_state,
+						    &ctx->head_blk_id);
+		if (ret != 0 || ctx->blk_state == UCFG_BLK_STATE_NONE ||
+		    ctx->head_blk_id != UCFG_HEAD_MAIN_BLK)
+			goto free_main;
+		ret = devdrv_get_usr_cfg_name_info(ctx, para->name);
+		if (ret != 0 || ctx->head_idx == -1 ||
+		    memcmp(ctx->item_head, &used, sizeof(used)) != 0)
+			goto free_main;
+	}
 
 	ret = devdrv_config_read_block(ctx->dev_id, used.blk_offset, main_img);
 	if (ret != 0)

@@ -213,6 +213,7 @@ int devdrv_config_get_item_dynamic(const struct user_cfg_para *para,
 	if (r != 0 && ctx->head_blk_id == UCFG_HEAD_MAIN_BLK &&
 	    ctx->blk_state == UCFG_BLK_STATE_BOTH) {
 		UCFG_INFO("Get item from backup head.\n");
+		ctx->bk_head_retry = 1;
 		ret = devdrv_config_read_block(dev_id, UCFG_HEAD_BK_BLK,
 					       ctx->head_blk);
 		if (ret != 0) {

@@ -131,6 +131,11 @@ struct user_cfg_op_ctx {
 	u32 bk_head_wr_flag;
 	u32 main_content_wr_flag;
 	u32 bk_content_wr_flag;
+	/*
+	 * Set by the dynamic read when it had to retry through the backup
+	 * head: head_blk then holds block 32, not the validated main head.
+	 */
+	u32 bk_head_retry;
 };
 
 /*

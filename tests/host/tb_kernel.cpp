@@ -52,6 +52,7 @@ struct State {
 	std::mutex lock;
 	std::map<const void *, Block> live;
 	std::size_t bytes = 0, peak = 0;
+	u64 total = 0;	// bytes of every successful allocation
 	u32 calls = 0, injected = 0;
 	unsigned last_gfp = 0;
 	Schedule fail;
@@ -87,6 +88,18 @@ std::size_t peak_bytes()
 {
 	std::lock_guard<std::mutex> g(st().lock);
 	return st().peak;
+}
+
+u64 bytes_allocated()
+{
+	std::lock_guard<std::mutex> g(st().lock);
+	return st().total;
+}
+
+void reset_peak()
+{
+	std::lock_guard<std::mutex> g(st().lock);
+	st().peak = st().bytes;
 }
 
 void fail_nth(u32 nth)
@@ -131,6 +144,7 @@ void tb::detail::reset_alloc()
 		std::free(const_cast<void *>(kv.first));
 	s.live.clear();
 	s.bytes = s.peak = 0;
+	s.total = 0;
 	s.calls = s.injected = 0;
 	s.last_gfp = 0;
 	s.fail.disarm();
@@ -158,6 +172,7 @@ extern "C" void *tb_alloc(size_t size, unsigned int gfp, int kind)
 	std::memset(p, (gfp & __GFP_ZERO) ? 0 : 0xa5, size);
 	s.live[p] = Block{size, kind};
 	s.bytes += size;
+	s.total += size;
 	s.peak = std::max(s.peak, s.bytes);
 	return p;
 }
@@ -198,6 +213,7 @@ struct State {
 	std::mutex lock;
 	std::set<const void *> live;
 	u32 allocs = 0, digests = 0;
+	u64 bytes = 0;	// bytes fed to successful updates
 	Schedule alloc, init, update, final;
 };
 
@@ -273,6 +289,12 @@ u32 digests()
 	return st().digests;
 }
 
+u64 bytes_hashed()
+{
+	std::lock_guard<std::mutex> g(st().lock);
+	return st().bytes;
+}
+
 } // namespace tb::crypto
 
 void tb::detail::reset_crypto()
@@ -284,6 +306,7 @@ void tb::detail::reset_crypto()
 		delete static_cast<const struct crypto_shash *>(p);
 	s.live.clear();
 	s.allocs = s.digests = 0;
+	s.bytes = 0;
 	s.alloc.disarm();
 	s.init.disarm();
 	s.update.disarm();
@@ -338,8 +361,11 @@ extern "C" int crypto_shash_update(struct shash_desc *desc, const u8 *data,
 {
 	int ret = tb::crypto::step(desc, &tb::crypto::State::update,
 				   "crypto_shash_update");
-	if (ret == 0)
+	if (ret == 0) {
 		SHA256_Update(reinterpret_cast<SHA256_CTX *>(desc->__ctx), data, len);
+		std::lock_guard<std::mutex> g(tb::crypto::st().lock);
+		tb::crypto::st().bytes += len;
+	}
 	return ret;
 }
 

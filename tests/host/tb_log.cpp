@@ -21,6 +21,7 @@ namespace {
 struct State {
 	std::mutex lock;
 	std::vector<Record> records;
+	bool keep = true;
 };
 
 State &st()
@@ -136,6 +137,8 @@ void add(int lvl, const char *fmt, va_list ap)
 	if (n > 0)
 		std::vsnprintf(&text[0], text.size() + 1, fmt, ap);
 
+	if (!st().keep)
+		return;	// formatted, as the kernel does, then dropped
 	Record r{};
 	r.level = level_of(lvl);
 	r.text = text;
@@ -145,6 +148,16 @@ void add(int lvl, const char *fmt, va_list ap)
 	std::lock_guard<std::mutex> g(st().lock);
 	st().records.push_back(std::move(r));
 }
+
+} // namespace
+
+void set_keep(bool keep)
+{
+	std::lock_guard<std::mutex> g(st().lock);
+	st().keep = keep;
+}
+
+namespace {
 
 bool step_ok(const Record &r, const std::string &step)
 {
@@ -310,6 +323,7 @@ std::string dump(std::size_t max_lines)
 void tb::detail::reset_log()
 {
 	tb::log::clear();
+	tb::log::set_keep(true);
 }
 
 extern "C" void tb_printk(int level, const char *fmt, ...)

@@ -204,6 +204,8 @@ u32 calls();			// allocation attempts since reset()
 u32 outstanding();		// blocks not freed
 std::size_t outstanding_bytes();
 std::size_t peak_bytes();
+void reset_peak();		// peak from now on: what is outstanding now
+u64 bytes_allocated();		// sum of every successful allocation
 void fail_nth(u32 nth);		// the nth attempt from now returns NULL
 void fail_from(u32 nth);	// every attempt from the nth on returns NULL
 void clear_faults();
@@ -224,6 +226,7 @@ void clear_faults();
 u32 allocs();		// crypto_alloc_shash calls
 u32 live();		// transforms not freed
 u32 digests();		// crypto_shash_final successes
+u64 bytes_hashed();	// bytes passed to successful crypto_shash_update
 
 } // namespace crypto
 
@@ -295,6 +298,9 @@ struct Record {
 
 std::vector<Record> records();
 void clear();
+// false: lines are still formatted but neither parsed nor kept (for
+// timings; reset() turns keeping back on).
+void set_keep(bool keep);
 std::size_t size();
 
 // Matching: step "" matches any step. msg is the text after the prefix
