@@ -9,6 +9,9 @@
 #   make modules         the module for every target
 #   make host            host test bed (build/host) and its tests
 #   make tsan, make fuzz concurrency tests under TSan; the ioctl fuzzer
+#   make bench           cost per operation against its floor, uninstrumented
+#                        host build (build/bench; table in build/bench/bench.md)
+#   make bench-vm        ioctl round trips per second in the arm64 5.10 VM
 #   make tools           the ucfg client (build/tools) and its tests
 #   make lint            checkpatch --strict, sparse, kernel-doc, man pages
 #   make dkms            the DKMS package: add, build, install, remove
@@ -42,8 +45,8 @@ endif
 KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
-.PHONY: module modules host tsan fuzz tools tools-arm64 lint vm check setup \
-	dkms dkms-source \
+.PHONY: module modules host tsan fuzz bench bench-vm tools tools-arm64 lint vm \
+	check setup dkms dkms-source \
 	image demo torture figures vm-debug stress \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS) arm64-5.10-debug)
@@ -71,6 +74,16 @@ tsan:
 
 fuzz:
 	JOBS=$(JOBS) tests/host/run-fuzz.sh $(FUZZ_SECONDS)
+
+# The benchmark: module sources and test bed built with -O2 and no
+# sanitizer, run once; not part of "make check".
+bench:
+	cmake -S tests/host -B build/bench -DUCFG_SANITIZER=none
+	cmake --build build/bench -j$(JOBS) --target ucfg_bench
+	build/bench/ucfg_bench build/bench/bench.md
+
+bench-vm:
+	tests/vm/run.sh arm64-5.10 bench
 
 # The user-space client and its unit tests; tools-arm64 is the static
 # binary that runs inside the test VM.

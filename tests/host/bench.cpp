@@ -1,0 +1,457 @@
+// SPDX-License-Identifier: GPL-2.0
+//
+// The store's cost per operation, in the uninstrumented host build, against
+// its floor: the same primitives (the flash simulator's block transfer, the
+// same SHA-256, the same zero-filled allocations, a 64 KiB compare for each
+// compare and verify of a written block) doing only the work the operation
+// is bound to do. The work is taken from the simulator's counters of the
+// operation itself; tests/host/test_budgets.cpp holds those counters equal
+// to the budgets the store's rules give, so the floor is that budget's cost
+// and the ratio operation / floor is everything else: control flow, name
+// lookup, copies, log formatting, the test bed's bookkeeping.
+//
+//   ucfg_bench [OUT.md] [--quick]
+//
+// Prints a Markdown report and writes it to OUT.md when given.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <malloc.h>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "model.h"
+#include "testbed.h"
+#include "ucfg_tb/shim.h"
+
+extern "C" {
+#include <crypto/hash.h>
+#include <linux/gfp.h>
+#include "common/siblings.h"
+}
+
+namespace {
+
+using model::Bytes;
+using model::pattern;
+namespace fl = tb::flash;
+namespace st = model::store;
+using u32 = std::uint32_t;
+using u64 = std::uint64_t;
+using Clock = std::chrono::steady_clock;
+
+u32 g_iters = 200;
+
+// ---------------------------------------------------------------------------
+// What one operation did, from the test bed's counters.
+struct Work {
+	u32 reads = 0, writes = 0, digests = 0, allocs = 0;
+	u64 hashed = 0, alloc_bytes = 0, peak = 0;
+	bool operator==(const Work &o) const
+	{
+		return reads == o.reads && writes == o.writes && digests == o.digests &&
+		       allocs == o.allocs && hashed == o.hashed &&
+		       alloc_bytes == o.alloc_bytes;
+	}
+};
+
+struct Counters {
+	u32 digests, allocs;
+	u64 hashed, alloc_bytes;
+	static Counters now()
+	{
+		return {tb::crypto::digests(), tb::alloc::calls(), tb::crypto::bytes_hashed(),
+			tb::alloc::bytes_allocated()};
+	}
+};
+
+// ---------------------------------------------------------------------------
+// The floor: the mandated work done with the bare primitives.
+struct FloorBufs {
+	std::vector<u8> a = std::vector<u8>(fl::kBlockSize, 0x5a);
+	std::vector<u8> b = std::vector<u8>(fl::kBlockSize, 0x5a);
+	std::vector<u8> in = std::vector<u8>(fl::kBlockSize);
+};
+
+u32 offset_of(u32 blk)
+{
+	return (blk + fl::kBaseBlock) * fl::kBlockSize;
+}
+
+void digest(const u8 *data, u32 len)
+{
+	struct crypto_shash *tfm = crypto_alloc_shash("sha256", 0, 0);
+	SHASH_DESC_ON_STACK(desc, tfm);
+	u8 out[SHA256_DIGEST_SIZE];
+
+	desc->tfm = tfm;
+	crypto_shash_init(desc);
+	crypto_shash_update(desc, data, len);
+	crypto_shash_final(desc, out);
+	crypto_free_shash(tfm);
+}
+
+void run_floor(const Work &w, FloorBufs &fb)
+{
+	std::vector<void *> bufs;
+	for (u32 i = 0; i < w.allocs; i++)
+		bufs.push_back(tb_alloc(static_cast<size_t>(w.alloc_bytes / w.allocs),
+					GFP_KERNEL | __GFP_ZERO, TB_ALLOC_VMALLOC));
+	// Reads of the head copies and the blocks; writes to block 1, which
+	// the store never uses. Each written block is compared before and
+	// verified after.
+	for (u32 i = 0; i < w.reads; i++)
+		sec_flash_read(0, offset_of(0), fb.in.data(), fl::kBlockSize);
+	for (u32 i = 0; i < w.writes; i++) {
+		sec_flash_write(0, offset_of(1), fb.a.data(), fl::kBlockSize);
+		if (std::memcmp(fb.a.data(), fb.b.data(), fl::kBlockSize) != 0 ||
+		    std::memcmp(fb.b.data(), fb.a.data(), fl::kBlockSize) != 0)
+			std::abort();
+	}
+	// As many digests, over as many bytes in all, as the operation made
+	// (every digest covers at most one block, so their mean does too).
+	u64 left = w.hashed;
+	for (u32 i = 0; i < w.digests; i++) {
+		u32 n = static_cast<u32>(left / (w.digests - i));
+		digest(fb.a.data(), n);
+		left -= n;
+	}
+	for (void *p : bufs)
+		tb_free(p, TB_ALLOC_VMALLOC);
+}
+
+// ---------------------------------------------------------------------------
+// Store states (device 0), built through the entry points.
+struct StoreState {
+	std::string name;
+	fl::Image area;
+	std::string target;	// a dynamic item present in it ("" if none)
+	u32 target_len = 0;
+};
+
+void restore(const StoreState &s)
+{
+	fl::load_area(0, s.area);
+	fl::clear_trace();
+	tb::log::clear();
+}
+
+void must(int rc, const std::string &what)
+{
+	if (rc != 0) {
+		std::cerr << "ucfg_bench: " << what << " failed: " << rc << "\n";
+		std::exit(1);
+	}
+}
+
+std::string rec_name(u32 i)
+{
+	char n[16];
+	std::snprintf(n, sizeof(n), "rec%04u", i);
+	return n;
+}
+
+// n records of len bytes each, named rec0000...
+void add_records(u32 from, u32 to, u32 len)
+{
+	for (u32 i = from; i < to; i++)
+		must(st::set(0, rec_name(i), pattern(len, i)), "set " + rec_name(i));
+}
+
+std::vector<StoreState> build_states()
+{
+	std::vector<StoreState> out;
+	tb::reset();
+	st::become_daemon();
+	tb::log::set_keep(false);
+	out.push_back({"empty", fl::area(0), "", 0});
+
+	// 100 items of 64 to 1,000 bytes, and a stored static value.
+	must(st::set(0, "ssh_status", {1}), "set ssh_status");
+	for (u32 i = 0; i < 100; i++)
+		must(st::set(0, rec_name(i), pattern(64 + (i * 97) % 937, i)), "set");
+	out.push_back({"100 items", fl::area(0), rec_name(50), 64 + (50 * 97) % 937});
+
+	// The table full: 1,099 records of 800 bytes.
+	add_records(100, 1099, 800);
+	for (u32 i = 0; i < 100; i++)
+		must(st::set(0, rec_name(i), pattern(800, i)), "resize");
+	out.push_back({"1,099 records", fl::area(0), rec_name(549), 800});
+
+	// Every content block full (two slots each), one slot of block 2
+	// cleared: the next new item needs the rebuild.
+	tb::reset();
+	st::become_daemon();
+	tb::log::set_keep(false);
+	must(st::set(0, "ssh_status", {1}), "set ssh_status");
+	for (u32 b = 2; b <= 31; b++) {
+		must(st::set(0, "x" + std::to_string(b), pattern(32768, b)), "set x");
+		must(st::set(0, "y" + std::to_string(b), pattern(32700, b)), "set y");
+	}
+	must(st::clear(0, "y2"), "clear y2");
+	out.push_back({"blocks full", fl::area(0), "y16", 32700});
+	return out;
+}
+
+// ---------------------------------------------------------------------------
+// An operation: given the state, prepares its arguments (outside the
+// timing) and returns the call to time.
+using Call = std::function<int()>;
+struct Op {
+	std::string name;
+	bool needs_target;
+	std::function<Call(const StoreState &)> prepare;
+};
+
+Call get_of(const std::string &name)
+{
+	return [name] { return st::get(0, name).rc; };
+}
+
+Call set_of(const std::string &name, Bytes v)
+{
+	return [name, v] { return st::set(0, name, v); };
+}
+
+Call clear_of(const std::string &name)
+{
+	return [name] { return st::clear(0, name); };
+}
+
+u32 seed_of(const StoreState &s)
+{
+	return static_cast<u32>(std::stoul(s.target.substr(s.target[0] == 'r' ? 3 : 1)));
+}
+
+std::vector<Op> ops()
+{
+	return {
+		{"static get", false, [](const StoreState &) { return get_of("ssh_status"); }},
+		{"static set, changed", false,
+		 [](const StoreState &s) {
+			 return set_of("ssh_status", {s.target.empty() ? u8(1) : u8(0)});
+		 }},
+		{"static set, unchanged", true,
+		 [](const StoreState &) { return set_of("ssh_status", {1}); }},
+		{"static clear", false, [](const StoreState &) { return clear_of("ssh_status"); }},
+		{"dynamic get", false,
+		 [](const StoreState &s) { return get_of(s.target.empty() ? "absent" : s.target); }},
+		{"dynamic new item", false,
+		 [](const StoreState &) { return set_of("brand_new", pattern(100, 7)); }},
+		{"same length, changed", true,
+		 [](const StoreState &s) { return set_of(s.target, pattern(s.target_len, 999)); }},
+		{"same length, unchanged", true,
+		 [](const StoreState &s) {
+			 return set_of(s.target, pattern(s.target_len, seed_of(s)));
+		 }},
+		{"shorter", true,
+		 [](const StoreState &s) { return set_of(s.target, pattern(s.target_len / 2, 5)); }},
+		{"longer", true,
+		 [](const StoreState &s) {
+			 return set_of(s.target, pattern(std::min(s.target_len + 64, 32768u), 5));
+		 }},
+		{"dynamic clear", false,
+		 [](const StoreState &s) { return clear_of(s.target.empty() ? "absent" : s.target); }},
+	};
+}
+
+struct Row {
+	std::string state, op;
+	int rc;
+	Work work;
+	double median_us, p99_us, floor_us;
+};
+
+double pct(std::vector<double> v, double p)
+{
+	std::sort(v.begin(), v.end());
+	std::size_t i = static_cast<std::size_t>(p * (v.size() - 1) + 0.5);
+	return v[std::min(i, v.size() - 1)];
+}
+
+double us(Clock::duration d)
+{
+	return std::chrono::duration<double, std::micro>(d).count();
+}
+
+// Runs op iters times on a fresh copy of the state each time, and the
+// floor of its work right after each run, under the same conditions.
+Row measure(const StoreState &s, const Op &op, u32 iters)
+{
+	Row r{s.name, op.name, 0, {}, 0, 0, 0};
+	std::vector<double> t_op, t_floor;
+	FloorBufs fb;
+	const Call call = op.prepare(s);
+
+	for (u32 i = 0; i < iters + 1; i++) {
+		restore(s);
+		const u32 r0 = fl::total_reads(), w0 = fl::total_writes();
+		const Counters c0 = Counters::now();
+		tb::alloc::reset_peak();
+		auto a = Clock::now();
+		int rc = call();
+		auto b = Clock::now();
+		const Counters c1 = Counters::now();
+		Work w;
+		w.reads = fl::total_reads() - r0;
+		w.writes = fl::total_writes() - w0;
+		w.digests = c1.digests - c0.digests;
+		w.hashed = c1.hashed - c0.hashed;
+		w.allocs = c1.allocs - c0.allocs;
+		w.alloc_bytes = c1.alloc_bytes - c0.alloc_bytes;
+		w.peak = tb::alloc::peak_bytes() - tb::alloc::outstanding_bytes();
+		if (i == 0) {	// warm-up; fixes the work
+			r.rc = rc;
+			r.work = w;
+			continue;
+		}
+		if (!(w == r.work) || rc != r.rc) {
+			std::cerr << "ucfg_bench: " << s.name << " / " << op.name
+				  << " did different work on a repeat\n";
+			std::exit(1);
+		}
+		t_op.push_back(us(b - a));
+
+		restore(s);
+		a = Clock::now();
+		run_floor(r.work, fb);
+		b = Clock::now();
+		t_floor.push_back(us(b - a));
+	}
+	r.median_us = pct(t_op, 0.5);
+	r.p99_us = pct(t_op, 0.99);
+	r.floor_us = pct(t_floor, 0.5);
+	return r;
+}
+
+std::string fmt(double v, int prec = 1)
+{
+	char b[32];
+	std::snprintf(b, sizeof(b), "%.*f", prec, v);
+	return b;
+}
+
+std::string table(const std::vector<Row> &rows)
+{
+	std::ostringstream o;
+	o << "| state | operation | result | median µs | p99 µs | floor µs | ratio "
+	     "| reads | writes | hashed bytes | digests | peak memory |\n"
+	  << "|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n";
+	for (const Row &r : rows)
+		o << "| " << r.state << " | " << r.op << " | " << r.rc << " | "
+		  << fmt(r.median_us) << " | " << fmt(r.p99_us) << " | " << fmt(r.floor_us)
+		  << " | " << fmt(r.median_us / r.floor_us, 2) << " | " << r.work.reads
+		  << " | " << r.work.writes << " | " << r.work.hashed << " | "
+		  << r.work.digests << " | " << r.work.peak << " |\n";
+	return o.str();
+}
+
+// ---------------------------------------------------------------------------
+// Growth: a get of the last record as the table grows (the lookup walks
+// the records in order), and a get and a changed same-length update as the
+// content grows.
+std::string growth()
+{
+	std::ostringstream o;
+	const Op get{"get", false, [](const StoreState &s) { return get_of(s.target); }};
+	const Op upd{"update", false, [](const StoreState &s) {
+			     return set_of(s.target, pattern(s.target_len, 4242));
+		     }};
+
+	o << "### Records in the table (get of the last record, 100 bytes each)\n\n"
+	  << "| records | median µs | floor µs | ratio | µs above floor |\n|---:|---:|---:|---:|---:|\n";
+	tb::reset();
+	st::become_daemon();
+	tb::log::set_keep(false);
+	u32 have = 0;
+	for (u32 n : {1u, 10u, 100u, 300u, 600u, 1099u}) {
+		add_records(have, n, 100);
+		have = n;
+		StoreState s{"", fl::area(0), rec_name(n - 1), 100};
+		Row r = measure(s, get, g_iters);
+		o << "| " << n << " | " << fmt(r.median_us) << " | " << fmt(r.floor_us) << " | "
+		  << fmt(r.median_us / r.floor_us, 2) << " | "
+		  << fmt(r.median_us - r.floor_us) << " |\n";
+	}
+
+	o << "\n### Content size (one item on the device)\n\n"
+	  << "| bytes | get median µs | get floor µs | get ratio | update median µs "
+	     "| update floor µs | update ratio |\n|---:|---:|---:|---:|---:|---:|---:|\n";
+	for (u32 n : {16u, 256u, 4096u, 16384u, 32768u}) {
+		tb::reset();
+		st::become_daemon();
+		tb::log::set_keep(false);
+		must(st::set(0, "item", pattern(n, 1)), "set item");
+		StoreState s{"", fl::area(0), "item", n};
+		Row g = measure(s, get, g_iters);
+		Row u = measure(s, upd, g_iters);
+		o << "| " << n << " | " << fmt(g.median_us) << " | " << fmt(g.floor_us) << " | "
+		  << fmt(g.median_us / g.floor_us, 2) << " | " << fmt(u.median_us) << " | "
+		  << fmt(u.floor_us) << " | " << fmt(u.median_us / u.floor_us, 2) << " |\n";
+	}
+	return o.str();
+}
+
+// What the test bed's log capture would add, on the cheapest operation.
+std::string log_overhead(const StoreState &s)
+{
+	const Op get{"static get", false, [](const StoreState &) { return get_of("ssh_status"); }};
+	tb::log::set_keep(false);
+	Row off = measure(s, get, g_iters);
+	tb::log::set_keep(true);
+	Row on = measure(s, get, g_iters);
+	tb::log::set_keep(false);
+	return "Static get on \"" + s.name + "\": " + fmt(off.median_us) +
+	       " µs with log lines formatted and dropped, " + fmt(on.median_us) +
+	       " µs with the test bed parsing and keeping them.\n";
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+	std::string out;
+	for (int i = 1; i < argc; i++) {
+		if (std::string(argv[i]) == "--quick")
+			g_iters = 20;
+		else
+			out = argv[i];
+	}
+
+	// Keep freed memory in the process: otherwise the C library hands
+	// large blocks back to the system and the next run pays page faults
+	// for them, a cost of the host's allocator that neither the kernel's
+	// vmalloc nor the floor shares in the same way.
+	mallopt(M_TRIM_THRESHOLD, 256 << 20);
+	mallopt(M_MMAP_THRESHOLD, 32 << 20);
+
+	std::vector<StoreState> states = build_states();
+	std::vector<Row> rows;
+	for (const StoreState &s : states) {
+		for (const Op &op : ops()) {
+			if (op.needs_target && s.target.empty())
+				continue;
+			u32 iters = s.name == "blocks full" && op.name == "dynamic new item"
+					    ? std::max(g_iters / 4, 10u)
+					    : g_iters;
+			rows.push_back(measure(s, op, iters));
+			if (s.name == "blocks full" && op.name == "dynamic new item")
+				rows.back().op = "dynamic new item (rebuild)";
+		}
+	}
+
+	std::ostringstream rep;
+	rep << "## Operations (" << g_iters << " runs each; the rebuild "
+	    << std::max(g_iters / 4, 10u) << ")\n\n"
+	    << table(rows) << "\n" << log_overhead(states[1]) << "\n## Growth\n\n"
+	    << growth();
+	std::cout << rep.str();
+	if (!out.empty())
+		std::ofstream(out) << rep.str();
+	return 0;
+}
