@@ -25,6 +25,8 @@ PACKAGES=(
 	dkms linux-headers-amd64
 	# VM harness
 	device-tree-compiler qemu-system-arm cpio
+	# make bench: the environment tools users would otherwise reach for
+	libubootenv-tool libubootenv-dev pkg-config
 )
 
 SUDO=()

@@ -20,7 +20,11 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <fcntl.h>
 #include <malloc.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -28,6 +32,10 @@
 #include "model.h"
 #include "testbed.h"
 #include "ucfg_tb/shim.h"
+
+#ifdef UCFG_HAVE_UBOOTENV
+#include <libuboot.h>
+#endif
 
 extern "C" {
 #include <crypto/hash.h>
@@ -329,6 +337,15 @@ Row measure(const StoreState &s, const Op &op, u32 iters)
 	return r;
 }
 
+const Row &find_row(const std::vector<Row> &rows, const std::string &state,
+		    const std::string &op)
+{
+	for (const Row &r : rows)
+		if (r.state == state && r.op == op)
+			return r;
+	std::abort();
+}
+
 std::string fmt(double v, int prec = 1)
 {
 	char b[32];
@@ -411,6 +428,136 @@ std::string log_overhead(const StoreState &s)
 	       " µs with the test bed parsing and keeping them.\n";
 }
 
+// ---------------------------------------------------------------------------
+// The alternative: a redundant environment of two 64 KiB copies in files,
+// set and read through the environment tools (a process each time, as a
+// script would) and through their library (in process).
+extern "C" char **environ;
+
+double median_of(u32 n, const std::function<void()> &f)
+{
+	std::vector<double> t;
+	f();	// warm-up
+	for (u32 i = 0; i < n; i++) {
+		auto a = Clock::now();
+		f();
+		t.push_back(us(Clock::now() - a));
+	}
+	return pct(t, 0.5);
+}
+
+int run_tool(const std::vector<std::string> &args)
+{
+	std::vector<char *> argv;
+	for (const std::string &a : args)
+		argv.push_back(const_cast<char *>(a.c_str()));
+	argv.push_back(nullptr);
+	posix_spawn_file_actions_t fa;
+	posix_spawn_file_actions_init(&fa);
+	posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+	posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+	pid_t pid;
+	int rc = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+	posix_spawn_file_actions_destroy(&fa);
+	if (rc != 0)
+		return -1;
+	int status = 0;
+	waitpid(pid, &status, 0);
+	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string alternative(const Row &set, const Row &get)
+{
+	std::ostringstream o;
+	char dir[] = "/tmp/ucfg-bench-XXXXXX";
+	if (!mkdtemp(dir))
+		return "No temporary directory: comparison skipped.\n";
+	const std::string d = dir, cfg = d + "/fw_env.config";
+	for (const char *f : {"/env0", "/env1"})
+		std::ofstream(d + f, std::ios::binary) << std::string(65536, '\0');
+	std::ofstream(cfg) << d << "/env0 0x0 0x10000\n" << d << "/env1 0x0 0x10000\n";
+	// Blank copies hold no valid environment: the first set starts
+	// from a default one.
+	std::ofstream(d + "/default") << "bootdelay=3\n";
+	const u32 n = std::max(g_iters / 4, 10u);
+	u32 flip = 0;
+
+	o << "| way | set one value, median µs | read one value, median µs "
+	     "| set / store's static set | read / store's static get |\n"
+	  << "|---|---:|---:|---:|---:|\n"
+	  << "| this store, in process | " << fmt(set.median_us) << " | "
+	  << fmt(get.median_us) << " | 1.00 | 1.00 |\n";
+	if (run_tool({"fw_setenv", "-c", cfg, "-f", d + "/default", "ssh_status", "1"}) == 0) {
+		double ts = median_of(n, [&] {
+			run_tool({"fw_setenv", "-c", cfg, "ssh_status", (flip++ & 1) ? "1" : "0"});
+		});
+		double tg = median_of(n, [&] { run_tool({"fw_printenv", "-c", cfg, "ssh_status"}); });
+		o << "| fw_setenv / fw_printenv, one process each | " << fmt(ts) << " | "
+		  << fmt(tg) << " | " << fmt(ts / set.median_us, 2) << " | "
+		  << fmt(tg / get.median_us, 2) << " |\n";
+	} else {
+		o << "| fw_setenv / fw_printenv | not installed | | | |\n";
+	}
+#ifdef UCFG_HAVE_UBOOTENV
+	// The library keeps its lock file locked after a session ends, so a
+	// second session in the same process would wait for ever: each one
+	// runs in a child of its own, which times itself from configuring
+	// the library to releasing it (the fork is not counted).
+	auto session = [&](const std::function<void(struct uboot_ctx *)> &f) {
+		int fds[2];
+		double t = -1;
+		if (pipe(fds) != 0)
+			return t;
+		pid_t pid = fork();
+		if (pid == 0) {
+			auto a = Clock::now();
+			struct uboot_ctx *ctx = nullptr;
+			if (libuboot_initialize(&ctx, nullptr) == 0) {
+				if (libuboot_read_config(ctx, cfg.c_str()) == 0 &&
+				    libuboot_open(ctx) == 0) {
+					f(ctx);
+					libuboot_close(ctx);
+				}
+				libuboot_exit(ctx);
+			}
+			double took = us(Clock::now() - a);
+			ssize_t w = write(fds[1], &took, sizeof(took));
+			_exit(w == sizeof(took) ? 0 : 1);
+		}
+		close(fds[1]);
+		if (pid > 0) {
+			if (read(fds[0], &t, sizeof(t)) != sizeof(t))
+				t = -1;
+			waitpid(pid, nullptr, 0);
+		}
+		close(fds[0]);
+		return t;
+	};
+	auto median_session = [&](const std::function<void(struct uboot_ctx *)> &f) {
+		std::vector<double> t;
+		for (u32 i = 0; i < n; i++, flip++)
+			t.push_back(session(f));
+		return pct(t, 0.5);
+	};
+	double ls = median_session([&](struct uboot_ctx *ctx) {
+		libuboot_set_env(ctx, "ssh_status", (flip & 1) ? "1" : "0");
+		libuboot_env_store(ctx);
+	});
+	double lg = median_session(
+		[&](struct uboot_ctx *ctx) { std::free(libuboot_get_env(ctx, "ssh_status")); });
+	o << "| libubootenv in process: one session (configure, open, set and store, or "
+	     "get; close) per request | "
+	  << fmt(ls) << " | " << fmt(lg) << " | " << fmt(ls / set.median_us, 2) << " | "
+	  << fmt(lg / get.median_us, 2) << " |\n";
+#else
+	o << "| libubootenv | not installed | | | |\n";
+#endif
+	for (const char *f : {"/env0", "/env1", "/fw_env.config", "/default"})
+		unlink((d + f).c_str());
+	rmdir(dir);
+	return o.str();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -449,7 +596,9 @@ int main(int argc, char **argv)
 	rep << "## Operations (" << g_iters << " runs each; the rebuild "
 	    << std::max(g_iters / 4, 10u) << ")\n\n"
 	    << table(rows) << "\n" << log_overhead(states[1]) << "\n## Growth\n\n"
-	    << growth();
+	    << growth() << "\n## The alternative (store state \"100 items\")\n\n"
+	    << alternative(find_row(rows, "100 items", "static set, changed"),
+			   find_row(rows, "100 items", "static get"));
 	std::cout << rep.str();
 	if (!out.empty())
 		std::ofstream(out) << rep.str();
