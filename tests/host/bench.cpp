@@ -10,7 +10,7 @@
 // and the ratio operation / floor is everything else: control flow, name
 // lookup, copies, log formatting, the test bed's bookkeeping.
 //
-//   ucfg_bench [OUT.md] [--quick]
+//   ucfg_bench [OUT.md] [--quick] [--only "STATE/OPERATION"]
 //
 // Prints a Markdown report and writes it to OUT.md when given.
 #include <algorithm>
@@ -562,10 +562,12 @@ std::string alternative(const Row &set, const Row &get)
 
 int main(int argc, char **argv)
 {
-	std::string out;
+	std::string out, only;
 	for (int i = 1; i < argc; i++) {
 		if (std::string(argv[i]) == "--quick")
 			g_iters = 20;
+		else if (std::string(argv[i]) == "--only" && i + 1 < argc)
+			only = argv[++i];	// "STATE/OPERATION": that row alone
 		else
 			out = argv[i];
 	}
@@ -583,6 +585,8 @@ int main(int argc, char **argv)
 		for (const Op &op : ops()) {
 			if (op.needs_target && s.target.empty())
 				continue;
+			if (!only.empty() && only != s.name + "/" + op.name)
+				continue;
 			u32 iters = s.name == "blocks full" && op.name == "dynamic new item"
 					    ? std::max(g_iters / 4, 10u)
 					    : g_iters;
@@ -592,6 +596,10 @@ int main(int argc, char **argv)
 		}
 	}
 
+	if (!only.empty()) {	// for a profiler: no other section
+		std::cout << table(rows);
+		return 0;
+	}
 	std::ostringstream rep;
 	rep << "## Operations (" << g_iters << " runs each; the rebuild "
 	    << std::max(g_iters / 4, 10u) << ")\n\n"

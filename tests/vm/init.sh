@@ -101,6 +101,10 @@ stress)
 	debug_checks || ok=0
 	[ $ok = 1 ] && echo "UCFG-VM-ALL-PASSED stress"
 	;;
+bench)
+	cp /bin/bench /var/devmgr_daemon
+	/bin/bench && kernel_clean && echo "UCFG-VM-ALL-PASSED bench"
+	;;
 demo)
 	/bin/demo && echo "UCFG-VM-DEMO-DONE"
 	;;

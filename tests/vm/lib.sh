@@ -3,7 +3,7 @@
 # Shared by run.sh and demo.sh: builds everything the VM needs for one
 # target and boots it. Source it, then call vm_prepare TARGET and vm_boot.
 #
-# Products in build/vm/TARGET/: kmod/ (the test module), vmtest and stress
+# Products in build/vm/TARGET/: kmod/ (the test module), vmtest, stress, bench
 # (the in-VM programs), rootfs/ and
 # initrd.gz, virt.dts (QEMU's own tree), ucfg.dtb (plus the module's node)
 # and ucfg-partial.dtb (the node without "data_cpu_num").
@@ -69,7 +69,7 @@ vm_prepare() {
 
 	# In-VM programs, static for arm64; rebuilt when a source changed.
 	local prog bin
-	for prog in vmtest stress; do
+	for prog in vmtest stress bench; do
 		bin=$VM_OUT/$prog
 		if [ ! -x "$bin" ] || [ "$VM_DIR/$prog.cpp" -nt "$bin" ] ||
 			[ "$VM_DIR/vmio.h" -nt "$bin" ] ||
@@ -132,6 +132,7 @@ vm_rootfs() {
 		vm_die "depmod wrote no device-tree alias for drv_user_cfg"
 	cp "$VM_OUT/vmtest" "$rfs/bin/vmtest"
 	cp "$VM_OUT/stress" "$rfs/bin/stress"
+	cp "$VM_OUT/bench" "$rfs/bin/bench"
 	[ -n "$VM_UCFG" ] && cp "$VM_UCFG" "$rfs/bin/ucfg"
 	printf '%s\n' "${VM_COMPLAINTS[@]}" >"$rfs/etc/complaints"
 	cp "$VM_DIR/init.sh" "$rfs/init"

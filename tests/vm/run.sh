@@ -8,6 +8,7 @@
 #
 #   tests/vm/run.sh [TARGET] [demo]
 #   tests/vm/run.sh TARGET stress [SEED] [SECONDS]
+#   tests/vm/run.sh TARGET bench
 #
 #   TARGET: arm64-5.10 (default), arm64-6.1, arm64-5.10-debug
 #
@@ -17,7 +18,8 @@
 # requests of several processes under injected flash faults, a reload half
 # way; seed 1, 24 s of requests by default). "stress" boots only the
 # latter, with the seed and duration given. All consoles end up in
-# build/vm/TARGET/console.log. "demo" runs demo.sh instead.
+# build/vm/TARGET/console.log. "demo" runs demo.sh instead. "bench" boots
+# once to measure ioctl round trips (figures in build/vm/TARGET/bench.txt).
 set -euo pipefail
 
 TARGET=${1:-arm64-5.10}
@@ -31,7 +33,10 @@ esac
 SEED=1
 SECONDS_OF_STRESS=24
 ONLY_STRESS=0
-if [ "${2:-}" = stress ]; then
+ONLY_BENCH=0
+if [ "${2:-}" = bench ]; then
+	ONLY_BENCH=1
+elif [ "${2:-}" = stress ]; then
 	ONLY_STRESS=1
 	SEED=${3:-$SEED}
 	SECONDS_OF_STRESS=${4:-$SECONDS_OF_STRESS}
@@ -39,7 +44,7 @@ if [ "${2:-}" = stress ]; then
 	*[!0-9]*) echo "run.sh: SEED and SECONDS are whole numbers" >&2; exit 2 ;;
 	esac
 elif [ -n "${2:-}" ]; then
-	echo "run.sh: unknown mode '$2' (demo or stress)" >&2
+	echo "run.sh: unknown mode '$2' (demo, stress or bench)" >&2
 	exit 2
 fi
 
@@ -56,7 +61,9 @@ status=0
 : >"$CONSOLE"
 boots=("suite full $VM_BOOT_CFG_SET 300" "partial partial $VM_BOOT_CFG_CLEAR 120")
 stress="stress full $VM_BOOT_CFG_SET $((SECONDS_OF_STRESS + 120))"
-if [ $ONLY_STRESS = 1 ]; then
+if [ $ONLY_BENCH = 1 ]; then
+	boots=("bench full $VM_BOOT_CFG_SET 120")
+elif [ $ONLY_STRESS = 1 ]; then
 	boots=("$stress")
 else
 	boots+=("$stress")
@@ -85,6 +92,9 @@ for boot in "${boots[@]}"; do
 	fi
 done
 
+if [ $ONLY_BENCH = 1 ]; then
+	grep -a '^# bench: ' "$CONSOLE" | sed 's/^# bench: //' >"$VM_OUT/bench.txt" || true
+fi
 total_ok=$(grep -c '^ok ' "$CONSOLE" || true)
 total_bad=$(grep -c '^not ok ' "$CONSOLE" || true)
 if [ $status -eq 0 ]; then
