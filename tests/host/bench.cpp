@@ -141,6 +141,7 @@ struct StoreState {
 	fl::Image area;
 	std::string target;	// a dynamic item present in it ("" if none)
 	u32 target_len = 0;
+	bool get_only = false;	// measure the dynamic get alone
 };
 
 void restore(const StoreState &s)
@@ -185,6 +186,18 @@ std::vector<StoreState> build_states()
 	for (u32 i = 0; i < 100; i++)
 		must(st::set(0, rec_name(i), pattern(64 + (i * 97) % 937, i)), "set");
 	out.push_back({"100 items", fl::area(0), rec_name(50), 64 + (50 * 97) % 937});
+
+	// The same with the main copy of one item's slot damaged: its get
+	// reads the backup slot and restores the main one.
+	const fl::Image head0 = fl::block(0, 0);
+	const user_cfg_head_blk *h = reinterpret_cast<const user_cfg_head_blk *>(head0.data());
+	for (u32 i = 0; i < h->head_len / sizeof(user_cfg_item_head); i++)
+		if (rec_name(50) == std::string(h->item_head[i].name))
+			fl::flip_bits(0, h->item_head[i].blk_offset,
+				      h->item_head[i].item_offset, 0x01);
+	out.push_back({"100 items, one main slot damaged", fl::area(0), rec_name(50),
+		       64 + (50 * 97) % 937, true});
+	fl::load_area(0, out[1].area);
 
 	// The table full: 1,099 records of 800 bytes.
 	add_records(100, 1099, 800);
@@ -601,6 +614,8 @@ int main(int argc, char **argv)
 	for (const StoreState &s : states) {
 		for (const Op &op : ops()) {
 			if (op.needs_target && s.target.empty())
+				continue;
+			if (s.get_only && op.name != "dynamic get")
 				continue;
 			if (!only.empty() && only != s.name + "/" + op.name)
 				continue;
