@@ -258,50 +258,6 @@ std::string describe(const Options &o)
 	return std::string(verb) + " " + o.name + " (device " + std::to_string(o.device) + ")";
 }
 
-// Reads FILE whole; values longer than a dynamic item can hold are refused
-// without reading further.
-std::optional<Bytes> read_value_file(const std::string &path, std::string &error)
-{
-	std::FILE *f = std::fopen(path.c_str(), "rb");
-	if (!f) {
-		error = "cannot open " + path + ": " + std::strerror(errno);
-		return std::nullopt;
-	}
-	Bytes data(kDynamicMax + 1);
-	std::size_t n = std::fread(data.data(), 1, data.size(), f);
-	bool failed = std::ferror(f);
-	int saved = errno;
-	std::fclose(f);
-	if (failed) {
-		error = "cannot read " + path + ": " + std::strerror(saved);
-		return std::nullopt;
-	}
-	if (n > kDynamicMax) {
-		error = path + " holds more than " + std::to_string(kDynamicMax) +
-			" bytes, the longest value an item can hold";
-		return std::nullopt;
-	}
-	data.resize(n);
-	return data;
-}
-
-bool write_value_file(const std::string &path, const Bytes &v, std::string &error)
-{
-	std::FILE *f = std::fopen(path.c_str(), "wb");
-	if (!f) {
-		error = "cannot create " + path + ": " + std::strerror(errno);
-		return false;
-	}
-	bool ok = std::fwrite(v.data(), 1, v.size(), f) == v.size();
-	int saved = errno;
-	if (std::fclose(f) != 0 && ok) {
-		ok = false;
-		saved = errno;
-	}
-	if (!ok)
-		error = "cannot write " + path + ": " + std::strerror(saved);
-	return ok;
-}
 
 int do_get(const Options &o, Transport &t, std::ostream &out, std::ostream &err)
 {
@@ -377,6 +333,51 @@ int do_dts_cpu(Transport &t, std::ostream &out, std::ostream &err)
 }
 
 } // namespace
+
+// Reads FILE whole; values longer than a dynamic item can hold are refused
+// without reading further.
+std::optional<Bytes> read_value_file(const std::string &path, std::string &error)
+{
+	std::FILE *f = std::fopen(path.c_str(), "rb");
+	if (!f) {
+		error = "cannot open " + path + ": " + std::strerror(errno);
+		return std::nullopt;
+	}
+	Bytes data(kDynamicMax + 1);
+	std::size_t n = std::fread(data.data(), 1, data.size(), f);
+	bool failed = std::ferror(f);
+	int saved = errno;
+	std::fclose(f);
+	if (failed) {
+		error = "cannot read " + path + ": " + std::strerror(saved);
+		return std::nullopt;
+	}
+	if (n > kDynamicMax) {
+		error = path + " holds more than " + std::to_string(kDynamicMax) +
+			" bytes, the longest value an item can hold";
+		return std::nullopt;
+	}
+	data.resize(n);
+	return data;
+}
+
+bool write_value_file(const std::string &path, const Bytes &v, std::string &error)
+{
+	std::FILE *f = std::fopen(path.c_str(), "wb");
+	if (!f) {
+		error = "cannot create " + path + ": " + std::strerror(errno);
+		return false;
+	}
+	bool ok = std::fwrite(v.data(), 1, v.size(), f) == v.size();
+	int saved = errno;
+	if (std::fclose(f) != 0 && ok) {
+		ok = false;
+		saved = errno;
+	}
+	if (!ok)
+		error = "cannot write " + path + ": " + std::strerror(saved);
+	return ok;
+}
 
 const StaticItem *find_static_item(std::string_view name)
 {

@@ -62,6 +62,11 @@ const StaticItem *find_static_item(std::string_view name);
 // form; "@FILE" is not handled here (see read_value_file). nullopt with a
 // message in error when the text is not a value.
 std::optional<Bytes> decode_value(std::string_view name, std::string_view text, std::string &error);
+// A value from FILE ("@FILE" on the command line): at most kDynamicMax
+// bytes. nullopt with a message in error otherwise.
+std::optional<Bytes> read_value_file(const std::string &path, std::string &error);
+// Writes a value to FILE (get -o FILE); false with a message in error.
+bool write_value_file(const std::string &path, const Bytes &v, std::string &error);
 // Whether n bytes are an acceptable value of NAME, before asking the driver.
 bool check_value_length(std::string_view name, std::size_t n, std::string &error);
 
