@@ -16,6 +16,8 @@ PACKAGES=(
 	# host test bed
 	build-essential cmake g++ libgtest-dev libgmock-dev googletest
 	libssl-dev clang libclang-rt-14-dev
+	# image tool tests parse its JSON
+	nlohmann-json3-dev
 	# kernel module builds against unpacked Debian headers
 	gcc-aarch64-linux-gnu g++-aarch64-linux-gnu bc flex bison libelf-dev
 	kmod rsync xz-utils

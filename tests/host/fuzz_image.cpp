@@ -3,15 +3,16 @@
 // libFuzzer target: ucfg-image's inspect and verify on arbitrary images.
 //
 // An input is expanded deterministically into a 4 MiB configuration area
-// that starts erased: the first bytes become the start of the main head
-// (marker, static area, head_len, item records), the next ones the same
-// places of the backup head, and the rest land at the start of content
-// block 2 and its backup. The marker is set when the input asks for it,
+// that starts erased: its first byte chooses what follows, the first half
+// of the rest becomes head_len and the item records of the main head, the
+// second half (or the same bytes) those of the backup head, and the tail
+// also lands at the start of content block 2 and its backup. The marker is set when the input asks for it,
 // and the check code is made to match when it asks for that too, so the
 // fuzzer reaches the record and slot checks behind a valid head instead of
 // stopping at the check code.
 #include "ucfg_image.h"
 
+#define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/sha.h>
 
 #include <cstddef>
@@ -32,13 +33,10 @@ void put_head(std::vector<std::uint8_t> &area, std::size_t blk, const std::uint8
 	      std::size_t n, std::uint8_t flags)
 {
 	std::uint8_t *head = area.data() + blk * kBlock;
-	// The first 4 KiB of input go to the format word and static area, the
-	// rest to head_len and the records behind it.
-	std::size_t first = n < 4096 ? n : 4096;
-	std::memcpy(head, data, first);
-	if (n > first)
-		std::memcpy(head + kHeadLen, data + first,
-			    n - first < kCheckCode - kHeadLen ? n - first : kCheckCode - kHeadLen);
+	// The input lands on head_len and the item records behind it, where
+	// the parsing is; the static area stays erased.
+	std::size_t room = kCheckCode - kHeadLen;
+	std::memcpy(head + kHeadLen, data, n < room ? n : room);
 	if (flags & 1)
 		std::memcpy(head + kValidFlag, &kMarker, sizeof(kMarker));
 	if (flags & 2)
@@ -54,7 +52,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 	std::uint8_t flags = data[0];
 	data++;
 	size--;
-	std::vector<std::uint8_t> area(0x400000, 0xff);
+	// One area for every run: only the blocks an input touches are
+	// erased again, which keeps a run cheap enough to reach deep.
+	static std::vector<std::uint8_t> area(0x400000, 0xff);
+	for (std::size_t blk : {0, 2, 32, 34})
+		std::memset(area.data() + blk * kBlock, 0xff, kBlock);
 	std::size_t half = size / 2;
 	put_head(area, 0, data, half, flags);
 	put_head(area, 32, (flags & 4) ? data : data + half, (flags & 4) ? half : size - half,

@@ -1026,7 +1026,7 @@ int run(const std::vector<std::string> &args, std::ostream &out, std::ostream &e
 	return rc;
 }
 
-int inspect_memory(const std::vector<std::uint8_t> &bytes, bool json, std::ostream &out,
+int inspect_memory(std::vector<std::uint8_t> &bytes, bool json, std::ostream &out,
 		   std::ostream &err)
 {
 	Options o;
@@ -1036,8 +1036,7 @@ int inspect_memory(const std::vector<std::uint8_t> &bytes, bool json, std::ostre
 		err << "ucfg-image: " << error << "\n";
 		return kExitBadImage;
 	}
-	Bytes copy = bytes;
-	Window w(copy, *p);
+	Window w(bytes, *p);
 	Attached a(w);
 	Report r;
 	{

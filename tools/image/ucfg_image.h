@@ -38,9 +38,10 @@ inline constexpr std::uint64_t kFlashDefault = 0x1000000;
 int run(const std::vector<std::string> &args, std::ostream &out, std::ostream &err);
 
 // inspect (json or text) and verify of one device in memory, for the fuzz
-// target; bytes is the device's part (an area or a whole flash image).
-// Returns the exit status the commands would.
-int inspect_memory(const std::vector<std::uint8_t> &bytes, bool json, std::ostream &out,
+// target; bytes is the device's part (an area or a whole flash image). It
+// is read, never written (it is not const only so that it need not be
+// copied). Returns the exit status verify would.
+int inspect_memory(std::vector<std::uint8_t> &bytes, bool json, std::ostream &out,
 		   std::ostream &err);
 
 } // namespace ucfg_image
