@@ -13,6 +13,7 @@
 #                        host build (build/bench; table in build/bench/bench.md)
 #   make bench-vm        ioctl round trips per second in the arm64 5.10 VM
 #   make tools           the ucfg client (build/tools) and its tests
+#   make ucfg-image      the offline image tool, uninstrumented (build/image)
 #   make lint            checkpatch --strict, sparse, kernel-doc, man pages
 #   make dkms            the DKMS package: add, build, install, remove
 #                        against the installed amd64 headers (throwaway trees)
@@ -92,6 +93,14 @@ tools:
 	cmake --build build/tools -j$(JOBS)
 	cd build/tools && ctest --output-on-failure -j$(JOBS)
 
+# The offline image tool for use: the store's sources and the tool built
+# with -O2 and no sanitizer (build/image/ucfg-image). Its tests run in the
+# host build, under AddressSanitizer.
+ucfg-image:
+	cmake -S tests/host -B build/image -DUCFG_SANITIZER=none
+	cmake --build build/image -j$(JOBS) --target ucfg-image
+	@echo "built build/image/ucfg-image"
+
 tools-arm64:
 	cmake -S tools -B build/tools-arm64 \
 		-DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
@@ -170,4 +179,4 @@ distclean: clean
 	rm -rf .cache
 
 help:
-	@sed -n '3,29s/^# \{0,1\}//p' Makefile
+	@sed -n '3,34s/^# \{0,1\}//p' Makefile

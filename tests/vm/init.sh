@@ -82,11 +82,57 @@ if [ "$ucfgdebug" = 1 ]; then
 	echo clear >/sys/kernel/debug/kmemleak
 fi
 
+# Images, after the suite: the area of device 0 goes to the host (gzip and
+# base64 between marker lines on the console) after the VM wrote a named
+# item through ucfg, and the image the host made with
+# ucfg-image is loaded into device 1 and read back through ucfg. The host
+# checks its half in tests/vm/lib.sh (vm_image_checks).
+image_round_trip() {
+	local area=/sys/kernel/debug/sec_flash got want ok=0
+	. /etc/image-items 2>/dev/null
+	if [ ! -x /bin/ucfg ] || [ ! -f /etc/provision.img ]; then
+		echo "not ok - image: no ucfg or no provisioning image in the VM"
+		return 1
+	fi
+	# Writes need the whitelisted daemon: its path and uid, and (as it has
+	# no fd passed in) a node it may open, for this one request.
+	cp /bin/ucfg /var/devmgr_daemon
+	chmod 0666 /dev/user_config
+	vmtest as 1101 /var/devmgr_daemon set vmimage text:"$vmimage" >/dev/null ||
+		{ echo "not ok - image: ucfg could not write device 0"; ok=1; }
+	chmod 0600 /dev/user_config
+	echo UCFG-IMAGE-BEGIN
+	gzip -c "$area/dev0/area" | base64
+	echo UCFG-IMAGE-END
+
+	cat /etc/provision.img >"$area/dev1/area" ||
+		{ echo "not ok - image: cannot load device 1's area"; return 1; }
+	want=$(printf '%s' "$vmprovision" | od -An -tx1 | tr -d ' \n')
+	got=$(ucfg -d 1 get --raw vmprovision 2>&1)
+	if [ "$got" = "$want" ]; then
+		echo "ok - image: the VM reads the named item ucfg-image wrote"
+	else
+		echo "not ok - image: vmprovision reads '$got', not '$want'"
+		ok=1
+	fi
+	got=$(ucfg -d 1 get --raw ssh_status 2>&1)
+	if [ "$got" = 01 ]; then
+		echo "ok - image: the VM reads the static item ucfg-image set"
+	else
+		echo "not ok - image: ssh_status reads '$got', not '01'"
+		ok=1
+	fi
+	return $ok
+}
+
 case $ucfgmode in
 suite | partial)
 	# Every check runs and reports, whatever the others found.
 	ok=1
 	/bin/vmtest "$ucfgmode" || ok=0
+	if [ "$ucfgmode" = suite ]; then
+		image_round_trip || ok=0
+	fi
 	kernel_clean || ok=0
 	debug_checks || ok=0
 	[ $ok = 1 ] && echo "UCFG-VM-ALL-PASSED $ucfgmode"

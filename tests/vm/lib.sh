@@ -86,9 +86,60 @@ vm_prepare() {
 		VM_UCFG=$VM_ROOT/build/tools-arm64/ucfg
 	fi
 
+	vm_provision_image
 	vm_busybox
 	vm_rootfs
 	vm_dtbs
+}
+
+# The offline image tool (host build, uninstrumented) and the image the main
+# boot loads into device 1: a static and a named item set by the tool, which
+# the VM reads back through /dev/user_config (vm_image_checks below checks
+# the other direction).
+VM_PROVISION_NAME=vmprovision
+VM_PROVISION_TEXT=made-by-ucfg-image
+VM_IMAGE_NAME=vmimage
+VM_IMAGE_TEXT=written-in-the-vm
+vm_provision_image() {
+	make -C "$VM_ROOT" --no-print-directory ucfg-image >"$VM_OUT/image-tool.log" 2>&1 ||
+		{ tail -n 30 "$VM_OUT/image-tool.log"; vm_die "ucfg-image build"; }
+	VM_IMAGE_TOOL=$VM_ROOT/build/image/ucfg-image
+	local img=$VM_OUT/provision.img
+	"$VM_IMAGE_TOOL" create --force "$img" >/dev/null &&
+		"$VM_IMAGE_TOOL" set "$img" ssh_status on &&
+		"$VM_IMAGE_TOOL" set "$img" "$VM_PROVISION_NAME" "text:$VM_PROVISION_TEXT" &&
+		"$VM_IMAGE_TOOL" verify "$img" >/dev/null ||
+		vm_die "ucfg-image could not make the provisioning image"
+}
+
+# vm_image_checks CONSOLE: the area of device 0 that the main boot dumped
+# (gzip and base64 between two marker lines) must verify with ucfg-image
+# and hold what the VM wrote. Prints TAP-like lines; fails on any mismatch.
+vm_image_checks() {
+	local img=$VM_OUT/vm-dev0.img got want
+	sed -n '/^UCFG-IMAGE-BEGIN/,/^UCFG-IMAGE-END/p' "$1" | sed '1d;$d' |
+		tr -d '\r' | base64 -d 2>/dev/null | gunzip >"$img" 2>/dev/null
+	if [ "$(stat -c %s "$img" 2>/dev/null)" != 4194304 ]; then
+		echo "not ok - image: no 4 MiB area of device 0 on the console"
+		return 1
+	fi
+	local ok=0
+	if "$VM_IMAGE_TOOL" verify "$img" >"$VM_OUT/vm-dev0.verify" 2>&1; then
+		echo "ok - image: the area the module wrote verifies offline"
+	else
+		echo "not ok - image: the area the module wrote does not verify"
+		sed 's/^/#   /' "$VM_OUT/vm-dev0.verify"
+		ok=1
+	fi
+	want=$(printf '%s' "$VM_IMAGE_TEXT" | od -An -tx1 | tr -d ' \n')
+	got=$("$VM_IMAGE_TOOL" get --raw "$img" "$VM_IMAGE_NAME" 2>&1)
+	if [ "$got" = "$want" ]; then
+		echo "ok - image: ucfg-image reads the item the VM wrote"
+	else
+		echo "not ok - image: $VM_IMAGE_NAME reads '$got', not '$want'"
+		ok=1
+	fi
+	return $ok
 }
 
 vm_busybox() {
@@ -120,7 +171,7 @@ vm_rootfs() {
 	for a in sh mount umount modprobe rmmod insmod lsmod modinfo grep stat cp \
 		chown chmod printf tr sed cat echo poweroff mkdir ls dd cmp dmesg \
 		head tail cut od hexdump sleep wc ln rm id uname test [ true false \
-		env sync find xargs zcat; do
+		env sync find xargs zcat gzip base64; do
 		ln -sf busybox "$rfs/bin/$a"
 	done
 	cp "$VM_ROOT/build/$VM_TARGET/drv_user_cfg.ko" \
@@ -134,6 +185,9 @@ vm_rootfs() {
 	cp "$VM_OUT/stress" "$rfs/bin/stress"
 	cp "$VM_OUT/bench" "$rfs/bin/bench"
 	[ -n "$VM_UCFG" ] && cp "$VM_UCFG" "$rfs/bin/ucfg"
+	cp "$VM_OUT/provision.img" "$rfs/etc/provision.img"
+	printf '%s=%s\n' "$VM_PROVISION_NAME" "$VM_PROVISION_TEXT" \
+		"$VM_IMAGE_NAME" "$VM_IMAGE_TEXT" >"$rfs/etc/image-items"
 	printf '%s\n' "${VM_COMPLAINTS[@]}" >"$rfs/etc/complaints"
 	cp "$VM_DIR/init.sh" "$rfs/init"
 	cp "$VM_DIR/demo-init.sh" "$rfs/bin/demo"

@@ -85,6 +85,9 @@ for boot in "${boots[@]}"; do
 		tail -n 25 "$part" | sed 's/^/    /'
 		status=1
 	fi
+	if [ "$1" = suite ] && ! vm_image_checks "$part"; then
+		status=1
+	fi
 	if ! vm_kernel_clean "$part" >/dev/null; then
 		vm_log "boot $1: the kernel complained:"
 		vm_kernel_clean "$part" | head -n 20 | sed 's/^/    /'
