@@ -471,6 +471,13 @@ Report analyse()
 	return r;
 }
 
+// analyse() under the device lock, as every request of the store runs.
+Report analyse_locked()
+{
+	Locked lock;
+	return analyse();
+}
+
 // --- Output ------------------------------------------------------------------
 
 std::string json_string(const std::string &s)
@@ -610,7 +617,8 @@ int item_request(int cmd, const std::string &name, Bytes &buf)
 {
 	struct user_cfg_para para;
 	std::memset(&para, 0, sizeof(para));
-	std::strncpy(para.name, name.c_str(), sizeof(para.name));
+	// A 32-byte name fills the field without a NUL, as the ioctl allows.
+	std::memcpy(para.name, name.data(), std::min(name.size(), sizeof(para.name)));
 	para.device_id = 0;
 	para.cmd = (u32)cmd;
 	para.cfg_index = devdrv_get_config_index_by_name(para.name);
@@ -730,11 +738,7 @@ int cmd_inspect(const Options &o, std::ostream &out, std::ostream &err, bool ver
 	if (rc != kExitOk)
 		return rc;
 	Attached a(*s.window);
-	Report r;
-	{
-		Locked lock;
-		r = analyse();
-	}
+	Report r = analyse_locked();
 	if (o.json)
 		print_json(r, o.image, s.part, o.device, out);
 	else if (verify)
@@ -836,11 +840,7 @@ int cmd_repair(const Options &o, std::ostream &out, std::ostream &err)
 			err << "ucfg-image: " << d.name << ": cannot be read back ("
 			    << std::strerror(-ret) << ")\n";
 	}
-	Report after;
-	{
-		Locked lock;
-		after = analyse();
-	}
+	Report after = analyse_locked();
 	out << o.image << ": ";
 	if (s.window->changed().empty()) {
 		out << "nothing to repair\n";
@@ -1038,11 +1038,7 @@ int inspect_memory(std::vector<std::uint8_t> &bytes, bool json, std::ostream &ou
 	}
 	Window w(bytes, *p);
 	Attached a(w);
-	Report r;
-	{
-		Locked lock;
-		r = analyse();
-	}
+	Report r = analyse_locked();
 	if (json)
 		print_json(r, "memory", *p, 0, out);
 	else
