@@ -18,7 +18,9 @@ extern "C" {
 #include <nlohmann/json.hpp>
 #include <openssl/sha.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -333,9 +335,19 @@ TEST_F(Image, WritesThatTheModuleReads)
 		EXPECT_EQ(t.run("set " + f + " x @/nonexistent").rc, 5);
 		EXPECT_EQ(read_file(f), before);
 
+		// A name of 32 bytes fills its field without a NUL, as the
+		// ioctl allows (the kernel API stops at 31).
+		const std::string n32(32, 'z');
+		ASSERT_EQ(t.run("set " + f + " " + n32 + " hex:2a").rc, 0);
+		EXPECT_EQ(t.run("get --raw " + f + " " + n32).out, "2a\n");
+
 		Bytes whole = read_file(f);
-		Bytes a(whole.begin() + (whole.size() == kArea ? 0 : kAreaAt),
-			whole.begin() + (whole.size() == kArea ? 0 : kAreaAt) + kArea);
+		std::size_t at = whole.size() == kArea ? 0 : kAreaAt;
+		// Outside the configuration area a whole flash is left as it was.
+		EXPECT_EQ(std::count(whole.begin(), whole.begin() + at, 0xff), (long)at);
+		EXPECT_EQ(std::count(whole.begin() + at + kArea, whole.end(), 0xff),
+			  (long)(whole.size() - at - kArea));
+		Bytes a(whole.begin() + at, whole.begin() + at + kArea);
 		expect_module_reads(a, {{"ssh_status", {1}},
 					{"p2p_mem_cfg", {5, 0, 0, 0}},
 					{"greeting", {'h', 'e', 'l', 'l', 'o'}},
@@ -344,6 +356,11 @@ TEST_F(Image, WritesThatTheModuleReads)
 		u32 len = 0;
 		EXPECT_EQ(hal_kernel_get_user_config(0, "gone", buf.data(), 16, &len), -ENOENT);
 	}
+
+	// Every write went through a temporary that was renamed: none is left.
+	for (const auto &e : std::filesystem::directory_iterator(t.path("")))
+		EXPECT_EQ(e.path().filename().string().find(".img."), std::string::npos)
+			<< e.path();
 
 	// --init writes the head the module writes before its first value.
 	std::string init = t.path("init.img");
