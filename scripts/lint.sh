@@ -68,10 +68,12 @@ log() { echo "lint: $*" >&2; }
 fetch_checkpatch() {
 	[ -f "$CP_STAMP" ] && return 0
 	mkdir -p "$CACHE"
-	# Shared with fetch-kernel.sh: one apt user at a time.
+	# Shared with fetch-kernel.sh: one apt user at a time. Released when
+	# the fetch is over (fd 9 closed): this script later runs
+	# fetch-kernel.sh, which takes the same lock.
 	exec 9>"$CACHE/apt.lock"
 	flock 9
-	[ -f "$CP_STAMP" ] && return 0
+	[ -f "$CP_STAMP" ] && { exec 9>&-; return 0; }
 
 	local sudo=() apt_opts=() ver="" deb="" tarball try
 	if [ "$(id -u)" -eq 0 ]; then
@@ -113,6 +115,7 @@ fetch_checkpatch() {
 		{ log "no checkpatch.pl in $deb"; exit 1; }
 	echo "linux-source-6.1 $ver" >"$CP_STAMP"
 	rm -f "$deb"
+	exec 9>&-
 }
 
 run_checkpatch() {
