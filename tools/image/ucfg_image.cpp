@@ -27,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 
 extern "C" {
@@ -130,14 +131,9 @@ public:
 		return 0;
 	}
 	// Flash blocks (offset / 64 KiB) whose bytes changed.
-	const std::map<std::uint32_t, bool> &changed() const { return written_.set; }
+	const std::set<std::uint32_t> &changed() const { return written_; }
 
 private:
-	struct BlockSet {
-		std::map<std::uint32_t, bool> set;
-		void insert(std::uint32_t b) { set[b] = true; }
-	};
-
 	std::uint8_t *locate(std::uint64_t offset, std::uint64_t len)
 	{
 		std::uint64_t base = part_.layout == Layout::kArea ? kAreaOffset : 0;
@@ -148,7 +144,7 @@ private:
 
 	Bytes &file_;
 	Part part_;
-	BlockSet written_;
+	std::set<std::uint32_t> written_;
 };
 
 // Attaches a window for the lifetime of one command.
@@ -846,8 +842,8 @@ int cmd_repair(const Options &o, std::ostream &out, std::ostream &err)
 		out << "nothing to repair\n";
 	} else {
 		out << "rewrote block";
-		for (const auto &c : s.window->changed())
-			out << " " << (c.first - UCFG_FLASH_BASE_BLK);
+		for (std::uint32_t flash_blk : s.window->changed())
+			out << " " << (flash_blk - UCFG_FLASH_BASE_BLK);
 		out << "\n";
 	}
 	for (const std::string &p : after.problems)
