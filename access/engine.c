@@ -65,8 +65,6 @@ static int devdrv_set_user_config_static(struct user_cfg_para *para)
 	u8 *buf;
 	int ret;
 
-	if (para->buf_size > UCFG_ITEM_CONTENT_MAX)
-		return -EINVAL;
 	buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
 	if (!buf) {
 		UCFG_ERR("Alloc memory for block buffer failed.\n");
@@ -147,18 +145,31 @@ static int devdrv_config_repair_main_slot(struct user_cfg_para *para,
 		ret = devdrv_config_get_valid_block(ctx->dev_id, ctx->head_blk,
 						    &ctx->blk_state,
 						    &ctx->head_blk_id);
-		if (ret != 0 || ctx->blk_state == UCFG_BLK_STATE_NONE ||
+		if (ret != 0) {
+			UCFG_ERR("The devdrv_config_get_valid_block failed. (ret=%d)\n",
+				 ret);
+			goto free_main;
+		}
+		if (ctx->blk_state == UCFG_BLK_STATE_NONE ||
 		    ctx->head_blk_id != UCFG_HEAD_MAIN_BLK)
 			goto free_main;
 		ret = devdrv_get_usr_cfg_name_info(ctx, para->name);
-		if (ret != 0 || ctx->head_idx == -1 ||
+		if (ret != 0) {
+			UCFG_ERR("The devdrv_get_usr_cfg_name_info failed. (ret=%d)\n",
+				 ret);
+			goto free_main;
+		}
+		if (ctx->head_idx == -1 ||
 		    memcmp(ctx->item_head, &used, sizeof(used)) != 0)
 			goto free_main;
 	}
 
 	ret = devdrv_config_read_block(ctx->dev_id, used.blk_offset, main_img);
-	if (ret != 0)
+	if (ret != 0) {
+		UCFG_ERR("The devdrv_config_read_block failed. (device_id=%u; ret=%d)\n",
+			 ctx->dev_id, ret);
 		goto free_main;
+	}
 	memcpy(main_img + used.item_offset, backup + used.item_offset,
 	       used.item_bytes + UCFG_SHA256_LEN);
 
@@ -169,6 +180,9 @@ static int devdrv_config_repair_main_slot(struct user_cfg_para *para,
 	ctx->bk_content_wr_flag = 0;
 	ctx->main_content_wr_flag = 1;
 	ret = devdrv_config_write_flash_head_content(ctx);
+	if (ret != 0)
+		UCFG_ERR("The devdrv_config_write_flash_head_content failed. (ret=%d)\n",
+			 ret);
 	ctx->content_blk = backup;
 
 free_main:
@@ -181,7 +195,6 @@ static int devdrv_config_copy_data_to_user(struct user_cfg_para *para,
 					   struct user_cfg_para __user *user_para)
 {
 	unsigned long left;
-	int ret;
 
 	if (user_para) {
 		para->buf_size = ctx->content_size;
@@ -199,11 +212,8 @@ static int devdrv_config_copy_data_to_user(struct user_cfg_para *para,
 
 	if (ctx->main_content_wr_flag != 1)
 		return 0;
-	ret = devdrv_config_repair_main_slot(para, ctx);
-	if (ret != 0)
-		UCFG_ERR("The devdrv_config_write_flash_head_content failed. (ret=%d)\n",
-			 ret);
-	return ret;
+	/* Each failure of the repair is logged by the step that failed. */
+	return devdrv_config_repair_main_slot(para, ctx);
 }
 
 static int devdrv_get_user_config_dynamic(struct user_cfg_para *para,
@@ -214,11 +224,14 @@ static int devdrv_get_user_config_dynamic(struct user_cfg_para *para,
 
 	ctx.dev_id = para->device_id;
 	ret = devdrv_config_ctx_alloc(&ctx);
-	if (ret != 0) {
-		UCFG_ERR("Ka_vmalloc %s failed.\n",
-			 devdrv_config_ctx_buf_name[ret]);
+	if (ret == UCFG_CTX_NO_HEAD_BLK)
+		UCFG_ERR("Ka_vmalloc head block failed.\n");
+	else if (ret == UCFG_CTX_NO_CONTENT_BLK)
+		UCFG_ERR("Ka_vmalloc content block failed.\n");
+	else if (ret == UCFG_CTX_NO_CONTENT_BUF)
+		UCFG_ERR("Ka_vmalloc content buf failed.\n");
+	if (ret != 0)
 		return -ENOMEM;
-	}
 
 	ret = devdrv_config_get_item_dynamic(para, &ctx);
 	if (ret == -ENOENT) {
@@ -250,8 +263,6 @@ static int devdrv_set_user_config_dynamic(struct user_cfg_para *para)
 	unsigned long left;
 	int ret;
 
-	if (para->buf_size > UCFG_ITEM_CONTENT_MAX)
-		return -EINVAL;
 	ctx.content_buf = ka_vmalloc(UCFG_ITEM_CONTENT_MAX);
 	if (!ctx.content_buf) {
 		UCFG_ERR("Ka_vmalloc content_buf failed. (device_id=%u)\n",

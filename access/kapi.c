@@ -46,30 +46,24 @@ static int devdrv_config_check_kpara(u32 device_id, const char *item_name,
 	return 0;
 }
 
-/* Fills para for a name-based request; returns the catalogue index. */
+/*
+ * Fills para for a name-based request and resolves the name into its
+ * cfg_index. Returns the name copy's status. It logs nothing: a refused
+ * name is reported by the entry point that was called, in its own name.
+ */
 static int devdrv_config_build_kpara(struct user_cfg_para *para,
 				     u32 device_id, const char *item_name,
 				     u32 size)
 {
-	int index, ret;
+	int ret;
 
 	memset(para, 0, sizeof(*para));
 	para->device_id = device_id;
 	para->buf_size = size;
 	ret = strcpy_s(para->name, sizeof(para->name), item_name);
-	if (ret != 0) {
-		UCFG_ERR("strcpy_s failed. (device_id=%u; ret=%d)\n", device_id,
-			 ret);
-		return -EINVAL;
-	}
-	index = devdrv_get_config_index_by_name(para->name);
-	if (index < -1) {
-		UCFG_ERR("The devdrv_get_config_index_by_name failed. (ret=%d)\n",
-			 index);
-		return index;
-	}
-	para->cfg_index = index;
-	return 0;
+	if (ret == 0)
+		para->cfg_index = devdrv_get_config_index_by_name(para->name);
+	return ret;
 }
 
 /**
@@ -114,8 +108,16 @@ int hal_kernel_get_user_config(u32 device_id, const char *item_name,
 		return -EINVAL;
 	}
 	ret = devdrv_config_build_kpara(&para, device_id, item_name, size);
-	if (ret != 0)
-		return ret;
+	if (ret != 0) {
+		UCFG_ERR("strcpy_s failed. (device_id=%u; ret=%d)\n", device_id,
+			 ret);
+		return -EINVAL;
+	}
+	if (para.cfg_index < -1) {
+		UCFG_ERR("The devdrv_get_config_index_by_name failed. (ret=%d)\n",
+			 para.cfg_index);
+		return para.cfg_index;
+	}
 
 	devdrv_config_mutex_lock(device_id);
 	if (para.cfg_index >= 0) {
@@ -170,8 +172,16 @@ int hal_kernel_set_user_config(u32 device_id, const char *item_name,
 	if (ret != 0)
 		return ret;
 	ret = devdrv_config_build_kpara(&para, device_id, item_name, size);
-	if (ret != 0)
-		return ret;
+	if (ret != 0) {
+		UCFG_ERR("strcpy_s failed. (device_id=%u; ret=%d)\n", device_id,
+			 ret);
+		return -EINVAL;
+	}
+	if (para.cfg_index < -1) {
+		UCFG_ERR("The devdrv_get_config_index_by_name failed. (ret=%d)\n",
+			 para.cfg_index);
+		return para.cfg_index;
+	}
 
 	devdrv_config_mutex_lock(device_id);
 	if (para.cfg_index >= 0) {

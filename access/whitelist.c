@@ -13,6 +13,15 @@
  * released or replaced while its name and path are read, and the name is
  * read from a snapshot of its directory entry, which a concurrent rename
  * cannot tear.
+ *
+ * The name and the path are what the caller's own root and mount namespace
+ * make of the file: a process can build a namespace in which any program
+ * sits at a trusted path. The table names files as the host sees them, so
+ * the identity stage also requires that the file at the row's path, looked
+ * up from the host's root, is the very file the caller runs (same inode of
+ * the same filesystem). A daemon in a private mount namespace of its own
+ * (as service managers' sandboxing gives it) still runs the host's file
+ * and passes; an impostor does not.
  */
 #define UCFG_LOG_TAG "whitelist"
 
@@ -21,6 +30,7 @@
 #include <linux/err.h>
 #include <linux/errno.h>
 #include <linux/export.h>
+#include <linux/fcntl.h>
 #include <linux/file.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>
@@ -137,11 +147,16 @@ static int whitelist_check_process_name(struct whitelist_exe *exe,
 	return -1;
 }
 
-static int whitelist_get_current_path(struct whitelist_exe *exe, char *buf,
+static int whitelist_get_current_path(struct whitelist_exe *exe, char **buf,
 				      const char **path)
 {
 	char *res;
 
+	*buf = vzalloc(WHITELIST_PATH_LEN);
+	if (!*buf) {
+		UCFG_ERR("File path vmalloc failed.\n");
+		return -1;
+	}
 	switch (whitelist_pin_exe(exe)) {
 	case WHITELIST_NO_MM:
 		UCFG_ERR("The active_mm parameter is NULL.\n");
@@ -150,7 +165,7 @@ static int whitelist_get_current_path(struct whitelist_exe *exe, char *buf,
 		UCFG_ERR("The exe_file parameter is NULL.\n");
 		return -1;
 	}
-	res = d_path(&exe->file->f_path, buf, WHITELIST_PATH_LEN);
+	res = d_path(&exe->file->f_path, *buf, WHITELIST_PATH_LEN);
 	if (IS_ERR_OR_NULL(res)) {
 		UCFG_ERR("The res is err or null. (errno=%ld)\n",
 			 res ? PTR_ERR(res) : 0L);
@@ -160,7 +175,24 @@ static int whitelist_get_current_path(struct whitelist_exe *exe, char *buf,
 	return 0;
 }
 
-static int whitelist_match_uid_path(const char *name, const char *path)
+/* True when the file at path, as the host sees it, is the file exe. */
+static bool whitelist_is_host_file(struct file *exe, const char *path)
+{
+	struct inode *mine = file_inode(exe);
+	struct file *host;
+	bool same;
+
+	host = ucfg_open_host_file(path, O_PATH);
+	if (IS_ERR(host))
+		return false;
+	same = file_inode(host)->i_sb == mine->i_sb &&
+	       file_inode(host)->i_ino == mine->i_ino;
+	filp_close(host, NULL);
+	return same;
+}
+
+static int whitelist_match_uid_path(struct whitelist_exe *exe,
+				    const char *name, const char *path)
 {
 	u32 uid = __kuid_val(current_uid());
 	size_t i;
@@ -170,20 +202,22 @@ static int whitelist_match_uid_path(const char *name, const char *path)
 
 		if (uid != d->uid)
 			continue;
-		if (strcmp(name, d->name) == 0 && strcmp(path, d->path) == 0)
+		if (strcmp(name, d->name) == 0 && strcmp(path, d->path) == 0 &&
+		    whitelist_is_host_file(exe->file, d->path))
 			return 0;
 		break;
 	}
-	UCFG_ERR("match fail. (proc name=\"%s\";path=\"%s\";uid=%u)\n",
-		 name, path, uid);
+	/* Both come from the caller's file system: escaped, one log line. */
+	UCFG_ERR("match fail. (proc name=\"%*pE\";path=\"%*pE\";uid=%u)\n",
+		 (int)strlen(name), name, (int)strlen(path), path, uid);
 	return -ENXIO;
 }
 
 static int whitelist_check_process_info(struct whitelist_exe *exe)
 {
 	const char *name = NULL, *path = NULL;
+	char *buf = NULL;
 	u32 len = 0;
-	char *buf;
 	int ret;
 
 	/* A fresh read of the name, from the same pinned file. */
@@ -193,14 +227,10 @@ static int whitelist_check_process_info(struct whitelist_exe *exe)
 			 ret);
 		return ret;
 	}
-	buf = vzalloc(WHITELIST_PATH_LEN);
-	if (!buf) {
-		UCFG_ERR("File path vmalloc failed.\n");
-		return -1;
-	}
-	ret = whitelist_get_current_path(exe, buf, &path);
+	/* The path buffer is taken by the step that fills it, freed here. */
+	ret = whitelist_get_current_path(exe, &buf, &path);
 	if (ret == 0)
-		ret = whitelist_match_uid_path(name, path);
+		ret = whitelist_match_uid_path(exe, name, path);
 	vfree(buf);
 	return ret;
 }

@@ -9,8 +9,11 @@
 #include <linux/version.h>
 #include <linux/device.h>
 #include <linux/fs.h>
+#include <linux/fs_struct.h>
 #include <linux/mm_types.h>
+#include <linux/path.h>
 #include <linux/rcupdate.h>
+#include <linux/sched/task.h>
 
 /*
  * A counted reference to the executable file of mm, or NULL. The file
@@ -32,6 +35,28 @@ static inline struct file *ucfg_get_mm_exe_file(struct mm_struct *mm)
 #endif
 	rcu_read_unlock();
 	return exe;
+}
+
+/*
+ * Opens name as the host sees it: resolved from the root of the initial
+ * task, in the initial mount namespace, whatever root and mount namespace
+ * the calling task lives in. Kernel threads share that root, and it
+ * follows the init process when early user space switches to the real
+ * root. file_open_root() takes the root as a path from 5.12 on.
+ */
+static inline struct file *ucfg_open_host_file(const char *name, int flags)
+{
+	struct path root;
+	struct file *file;
+
+	get_fs_root(init_task.fs, &root);
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 12, 0)
+	file = file_open_root(&root, name, flags, 0);
+#else
+	file = file_open_root(root.dentry, root.mnt, name, flags, 0);
+#endif
+	path_put(&root);
+	return file;
 }
 
 /* class_create() lost its owner argument in 6.4. */

@@ -18,6 +18,7 @@
 #include <linux/kernel.h>
 #include <linux/string.h>
 
+#include "common/compat.h"
 #include "common/log.h"
 #include "access/access.h"
 #include "catalogue/catalogue.h"
@@ -74,6 +75,28 @@ static int dev_user_cfg_parse_cpu_num(u32 dev_id, char *buf, u32 *count)
 	return 0;
 }
 
+/*
+ * The cpuset files are read as the host sees them, from the initial root
+ * and mount namespace: the table is filled once for every device and
+ * caller, so a first caller inside a container must not decide it with a
+ * view of its own. A file that is not a regular file (a FIFO put at the
+ * path, say) is refused as unopenable rather than read, so that the
+ * caller can never block on it; the open itself does not wait either.
+ */
+static struct file *dev_user_cfg_open_cpuset(const char *path)
+{
+	struct file *filp;
+
+	filp = ucfg_open_host_file(path, O_RDONLY | O_NONBLOCK);
+	if (IS_ERR(filp))
+		return filp;
+	if (!S_ISREG(file_inode(filp)->i_mode)) {
+		filp_close(filp, NULL);
+		return ERR_PTR(-EINVAL);
+	}
+	return filp;
+}
+
 static int dev_user_cfg_get_cpu_num(u32 dev_id, const char *path, u32 *count)
 {
 	char buf[CPUSET_BUF_LEN] = { 0 };
@@ -81,7 +104,7 @@ static int dev_user_cfg_get_cpu_num(u32 dev_id, const char *path, u32 *count)
 	loff_t pos = 0;
 	ssize_t n;
 
-	filp = filp_open(path, O_RDONLY, 0);
+	filp = dev_user_cfg_open_cpuset(path);
 	if (IS_ERR(filp)) {
 		UCFG_INFO("Opening file is abnormal. (dev_id=%u; cpu_type=\"%s\", errno=%ld.)\n",
 			  dev_id, path, PTR_ERR(filp));

@@ -7,7 +7,17 @@
  * Start: device node object, device number, class, device, cdev, platform
  * driver, signature type. Exit undoes it with the platform driver first, so
  * no probe or remove can run during the tear-down.
+ *
+ * The node goes live before the platform driver is registered, and that
+ * registration can still fail the load. The loader frees a module whose
+ * start failed without waiting for references to it, and the cdev lives
+ * in the object the failure path frees, so a file opened in that window
+ * would be left on freed code and memory. Opens are therefore refused
+ * until the start has completed (and again once the exit has begun), and
+ * a failed start waits, before it frees anything, until every open that
+ * raced with it has let go of the module.
  */
+#include <linux/delay.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/init.h>
@@ -28,11 +38,16 @@
 #include "uapi/user_cfg.h"
 
 static struct infra_user_cfg_dev *g_infra_user_cfg_dev;
+/* True from the end of a successful start to the beginning of the exit. */
+static bool dev_user_cfg_live;
 
 static int dev_user_cfg_open(struct inode *pnode, struct file *pfile)
 {
 	if (!UCFG_DRV_CHECK_PTR(pnode) || !UCFG_DRV_CHECK_PTR(pfile))
 		return -EINVAL;
+	/* Pairs with the release in dev_user_cfg_module_init(). */
+	if (!smp_load_acquire(&dev_user_cfg_live))
+		return -ENODEV;
 	if (g_infra_user_cfg_dev)
 		pfile->private_data = g_infra_user_cfg_dev;
 	return 0;
@@ -241,6 +256,23 @@ static struct platform_driver g_user_cfg_platform_driver = {
 	},
 };
 
+/*
+ * A failed start: waits until no open that raced with it still holds the
+ * module. Each holds references on the module (for the cdev and for its
+ * file operations) from before dev_user_cfg_open() until after the VFS
+ * has dropped the cdev, so once only the loader's own reference is left,
+ * nothing touches the object or the module's code any more; the loader's
+ * RCU grace period covers the last instructions of those module_put()s.
+ * The node is gone by then, so no new open can begin.
+ */
+static void dev_user_cfg_wait_openers(void)
+{
+#ifdef CONFIG_MODULE_UNLOAD
+	while (module_refcount(THIS_MODULE) > 1)
+		msleep(20);
+#endif
+}
+
 static int __init dev_user_cfg_module_init(void)
 {
 	struct infra_user_cfg_dev *d;
@@ -270,10 +302,13 @@ static int __init dev_user_cfg_module_init(void)
 	if (ret != 0)
 		UCFG_ERR("Failed to invoke the devdrv_config_set_pss_cfg. (ret=%d)\n",
 			 ret);
+	/* Pairs with the acquire in dev_user_cfg_open(). */
+	smp_store_release(&dev_user_cfg_live, true);
 	return 0;
 
 cleanup_dev:
 	dev_user_cfg_cleanup_dev(d);
+	dev_user_cfg_wait_openers();
 free_dev:
 	g_infra_user_cfg_dev = NULL;
 	kfree(d);
@@ -282,6 +317,7 @@ free_dev:
 
 static void __exit dev_user_cfg_module_exit(void)
 {
+	WRITE_ONCE(dev_user_cfg_live, false);
 	platform_driver_unregister(&g_user_cfg_platform_driver);
 	devdrv_config_pss_cfg_uninit();
 	if (g_infra_user_cfg_dev) {

@@ -15,11 +15,30 @@
 #include "store/store.h"
 #include "uapi/user_cfg.h"
 
-/* Which buffer of a work record could not be taken, and its name. */
+/* Which buffer of a work record could not be taken. */
 #define UCFG_CTX_NO_HEAD_BLK	1
 #define UCFG_CTX_NO_CONTENT_BLK	2
 #define UCFG_CTX_NO_CONTENT_BUF	3
-extern const char *const devdrv_config_ctx_buf_name[];
+
+/*
+ * The message of a failed devdrv_config_ctx_alloc() in a kernel wrapper,
+ * each text written out. A macro, so that the step named in the log line
+ * is the wrapper that asked for the buffers.
+ */
+#define UCFG_CTX_ALLOC_ERR(missing, dev_id)				\
+	do {								\
+		int __missing = (missing);				\
+		u32 __dev = (dev_id);					\
+		if (__missing == UCFG_CTX_NO_HEAD_BLK)			\
+			UCFG_ERR("Ka_vmalloc head block failed. (device_id=%u)\n", \
+				 __dev);				\
+		else if (__missing == UCFG_CTX_NO_CONTENT_BLK)		\
+			UCFG_ERR("Ka_vmalloc content block failed. (device_id=%u)\n", \
+				 __dev);				\
+		else							\
+			UCFG_ERR("Ka_vmalloc content buf failed. (device_id=%u)\n", \
+				 __dev);				\
+	} while (0)
 int devdrv_config_ctx_alloc(struct user_cfg_op_ctx *ctx);
 void devdrv_config_ctx_free(struct user_cfg_op_ctx *ctx);
 

@@ -18,12 +18,6 @@
 #include "dynamic/dynamic.h"
 #include "store/store.h"
 
-const char *const devdrv_config_ctx_buf_name[] = {
-	[UCFG_CTX_NO_HEAD_BLK] = "head block",
-	[UCFG_CTX_NO_CONTENT_BLK] = "content block",
-	[UCFG_CTX_NO_CONTENT_BUF] = "content buf",
-};
-
 /*
  * Takes the three buffers of a work record, zero-filled, in the order head
  * image, content image, content buffer. Returns 0, or which one could not
@@ -165,8 +159,9 @@ static int devdrv_config_get_item_from_head(u32 dev_id,
 		return ret;
 	}
 	if (ctx->head_idx == -1) {
-		UCFG_NOTICE("Can not find fix item name %.*s from item head.\n",
-			    (int)UCFG_ITEM_NAME_LEN, name);
+		/* A name is any 32 bytes from user space: printed escaped. */
+		UCFG_NOTICE("Can not find fix item name %*pE from item head.\n",
+			    (int)strnlen(name, UCFG_ITEM_NAME_LEN), name);
 		return -ENOENT;
 	}
 
@@ -250,8 +245,7 @@ int devdrv_kernel_get_config_dynamic(const struct user_cfg_para *para,
 	ctx.dev_id = para->device_id;
 	ret = devdrv_config_ctx_alloc(&ctx);
 	if (ret != 0) {
-		UCFG_ERR("Ka_vmalloc %s failed. (device_id=%u)\n",
-			 devdrv_config_ctx_buf_name[ret], ctx.dev_id);
+		UCFG_CTX_ALLOC_ERR(ret, ctx.dev_id);
 		return -ENOMEM;
 	}
 

@@ -239,8 +239,12 @@ static int devdrv_config_check_item_content(struct user_cfg_op_ctx *ctx)
 place:
 	/* The slot is rewritten in place: protect the block's other slots. */
 	ret = devdrv_config_sync_block_except_item(ctx, item->blk_offset);
-	if (ret == 0)
-		ret = devdrv_config_update_item_content(ctx->dev_id, ctx);
+	if (ret != 0) {
+		UCFG_ERR("The devdrv_config_sync_main_backup failed. (ret=%d)\n",
+			 ret);
+		return ret;
+	}
+	ret = devdrv_config_update_item_content(ctx->dev_id, ctx);
 	if (ret != 0)
 		UCFG_ERR("The devdrv_uc_update_item_content failed. (ret=%d)\n",
 			 ret);
@@ -286,6 +290,12 @@ static int devdrv_config_update_item_head(const struct user_cfg_para *para,
 				return ret;
 			}
 		} else if (ret == -ENOSPC) {
+			/*
+			 * The rebuild needs the record as the flash holds it
+			 * (its old slot is one it must not pack another item
+			 * over) and takes the new length from the work record.
+			 */
+			item->item_bytes = old_bytes;
 			item->valid_flg = 0;
 			UCFG_NOTICE("block space is not enough, rebuild content and try again\n");
 			ret = devdrv_config_rebuild_item_content(ctx->dev_id,
@@ -321,7 +331,7 @@ static int devdrv_config_update_item_dynamic(const struct user_cfg_para *para,
 {
 	int ret;
 
-	UCFG_INFO("%s START. new_size=%d, old_size=%d\n", __func__,
+	UCFG_INFO("devdrv_config_update_item_dynamic START. new_size=%d, old_size=%d\n",
 		  para->buf_size, ctx->item_head->item_bytes);
 	if (para->buf_size == ctx->item_head->item_bytes) {
 		ret = devdrv_config_check_item_content(ctx);
@@ -405,8 +415,7 @@ int devdrv_kernel_set_config_dynamic(const struct user_cfg_para *para,
 	ctx.head_idx = -1;
 	ret = devdrv_config_ctx_alloc(&ctx);
 	if (ret != 0) {
-		UCFG_ERR("Ka_vmalloc %s failed. (device_id=%u)\n",
-			 devdrv_config_ctx_buf_name[ret], ctx.dev_id);
+		UCFG_CTX_ALLOC_ERR(ret, ctx.dev_id);
 		return -ENOMEM;
 	}
 

@@ -45,7 +45,7 @@ void devdrv_config_mutex_lock(u32 dev_id)
 void devdrv_config_mutex_unlock(u32 dev_id)
 {
 	if (dev_id >= UCFG_LOCK_DEV_NUM) {
-		UCFG_ERR("Device id error for %s. (device_id=%u)\n", __func__,
+		UCFG_ERR("Device id error for devdrv_config_mutex_unlock. (device_id=%u)\n",
 			 dev_id);
 		return;
 	}

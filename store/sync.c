@@ -233,14 +233,14 @@ int devdrv_config_write_flash_head_content(struct user_cfg_op_ctx *ctx)
 						  ctx->content_blk, UCFG_WR_MAIN);
 		if (ret != 0)
 			goto write_failed;
-		UCFG_INFO("%s main_content_wr_flag.\n", __func__);
+		UCFG_INFO("devdrv_config_write_flash_head_content main_content_wr_flag.\n");
 	}
 	if (ctx->main_head_wr_flag == 1) {
 		ret = devdrv_config_write_blk_ops(ctx->dev_id, UCFG_HEAD_MAIN_BLK,
 						  ctx->head_blk, UCFG_WR_MAIN);
 		if (ret != 0)
 			goto write_failed;
-		UCFG_INFO("%s main_head_wr_flag.\n", __func__);
+		UCFG_INFO("devdrv_config_write_flash_head_content main_head_wr_flag.\n");
 	}
 	if (ctx->bk_content_wr_flag == 1) {
 		ret = devdrv_config_write_blk_ops(ctx->dev_id, k,
@@ -248,14 +248,14 @@ int devdrv_config_write_flash_head_content(struct user_cfg_op_ctx *ctx)
 						  UCFG_WR_BACKUP);
 		if (ret != 0)
 			goto write_failed;
-		UCFG_INFO("%s bk_content_wr_flag.\n", __func__);
+		UCFG_INFO("devdrv_config_write_flash_head_content bk_content_wr_flag.\n");
 	}
 	if (ctx->bk_head_wr_flag == 1) {
 		ret = devdrv_config_write_blk_ops(ctx->dev_id, UCFG_HEAD_BK_BLK,
 						  ctx->head_blk, UCFG_WR_BACKUP);
 		if (ret != 0)
 			goto write_failed;
-		UCFG_INFO("%s bk_head_wr_flag.\n", __func__);
+		UCFG_INFO("devdrv_config_write_flash_head_content bk_head_wr_flag.\n");
 	}
 	return 0;
 
