@@ -20,6 +20,10 @@
 #   make dkms-source [DKMS_SOURCE=dir]
 #                        assemble the DKMS package source tree (default
 #                        /usr/src/drv_user_cfg-VERSION)
+#   make deb             the Debian packages in build/deb/: drv-user-cfg-dkms
+#                        (all) and ucfg-tools (amd64, arm64)
+#   make deb-check       install, check and purge them in a debootstrap'd
+#                        throwaway root (logs build/deb/check-*.log)
 #   make check           everything CI runs
 #   make image [TARGET]  fetch the target's kernel image for the VM
 #   make vm              the module in QEMU: arm64 5.10 and 6.1, and 5.10 debug
@@ -47,7 +51,7 @@ KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
 .PHONY: module modules host tsan fuzz bench bench-vm tools tools-arm64 lint vm \
-	check setup dkms dkms-source \
+	check setup dkms dkms-source deb deb-check \
 	image demo torture figures vm-debug stress \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS) arm64-5.10-debug)
@@ -117,6 +121,16 @@ dkms:
 dkms-source:
 	scripts/dkms-source.sh $(DKMS_SOURCE)
 
+# The Debian packages, built with debhelper and dh-dkms from debian/ in a
+# copy of the tree (scripts/deb-build.sh), and their check: installed with
+# apt into a throwaway bookworm root, the module built there by DKMS,
+# purged without a trace (scripts/test_deb_packages.sh).
+deb: setup
+	scripts/deb-build.sh
+
+deb-check: setup
+	scripts/test_deb_packages.sh
+
 # The module in real kernels under QEMU: Debian's arm64 5.10 (the target)
 # and 6.1, and the same 5.10 source built with KASAN, kmemleak, lockdep and
 # debug objects (built once into .cache/, about 4 minutes cold), each with
@@ -140,7 +154,8 @@ image:
 	scripts/fetch-kernel.sh $(TARGET) image
 
 # Every stage runs even when an earlier one failed, so that one CI run shows
-# all that is wrong; the exit status is non-zero if any stage failed.
+# all that is wrong; the exit status is non-zero if any stage failed. Setup
+# has run by then: the stages are told so (see scripts/setup.sh).
 CHECK_STAGES := host tsan fuzz tools modules dkms lint vm
 
 check: setup
@@ -148,7 +163,7 @@ check: setup
 	for s in $(CHECK_STAGES); do \
 		echo "=== make check: $$s ==="; \
 		start=$$(date +%s); \
-		if $(MAKE) --no-print-directory $$s; then \
+		if DRV_USER_CFG_SETUP_DONE=1 $(MAKE) --no-print-directory $$s; then \
 			echo "=== make check: $$s passed ($$(( $$(date +%s) - start )) s) ==="; \
 		else \
 			echo "=== make check: $$s FAILED ===" >&2; \
@@ -179,4 +194,4 @@ distclean: clean
 	rm -rf .cache
 
 help:
-	@sed -n '3,34s/^# \{0,1\}//p' Makefile
+	@sed -n '3,38s/^# \{0,1\}//p' Makefile

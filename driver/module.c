@@ -333,3 +333,4 @@ module_exit(dev_user_cfg_module_exit);
 
 MODULE_DESCRIPTION("dev firmware user configure driver");
 MODULE_LICENSE("GPL");
+MODULE_VERSION(DRV_USER_CFG_VERSION);

@@ -20,9 +20,10 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 TARGET=${1:?usage: build-module.sh TARGET [make arguments...]}
 shift
 
-# The directories mirrored into the build tree: those of drv_user_cfg.ko and
-# sim/, the stand-in sibling modules, built first into build/TARGET/sim/.
-MODULE_SOURCES=(Kbuild include common driver store catalogue dynamic access sim)
+# What is mirrored into the build tree: Kbuild and VERSION (the module's
+# version, read by Kbuild), the directories of drv_user_cfg.ko and sim/,
+# the stand-in sibling modules, built first into build/TARGET/sim/.
+MODULE_SOURCES=(Kbuild VERSION include common driver store catalogue dynamic access sim)
 
 case $TARGET in
 arm64-5.10 | arm64-6.1 | arm64-5.10-debug)

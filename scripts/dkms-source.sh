@@ -5,10 +5,11 @@
 #
 #   scripts/dkms-source.sh [DEST]     (default /usr/src/drv_user_cfg-VERSION)
 #
-# The tree holds what the module build needs and nothing else: Kbuild, the
-# package Makefile (Makefile.dkms), dkms.conf with the version of the file
-# VERSION written in, and the .c/.h files of the module's directories (not
-# sim/, tests/ or tools/). DEST is replaced if it exists. Prints DEST.
+# The tree holds what the module build needs and nothing else: Kbuild and
+# VERSION (Kbuild reads the module's version from it), the package Makefile
+# (Makefile.dkms), dkms.conf with the version of the file VERSION written
+# in, and the .c/.h files of the module's directories (not sim/, tests/ or
+# tools/). DEST is replaced if it exists. Prints DEST.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -26,7 +27,7 @@ MODULE_DIRS+=(include)
 
 rm -rf "$DEST"
 mkdir -p "$DEST"
-cp "$ROOT/Kbuild" "$DEST/"
+cp "$ROOT/Kbuild" "$ROOT/VERSION" "$DEST/"
 cp "$ROOT/Makefile.dkms" "$DEST/Makefile"
 sed "s/#MODULE_VERSION#/$VERSION/" "$ROOT/dkms.conf" >"$DEST/dkms.conf"
 (cd "$ROOT" && find "${MODULE_DIRS[@]}" -type f \( -name '*.c' -o -name '*.h' \) \

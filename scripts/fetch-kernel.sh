@@ -27,6 +27,11 @@
 #   kernel/TARGET/image.done    the vmlinuz path, written last
 #   kernel/TARGET/source.done   the linux-source .deb's path
 #
+# arm64-5.10 comes from bullseye: for the length of the run the script adds
+# an apt source for it (/etc/apt/sources.list.d/drv-user-cfg-bullseye.sources)
+# and removes it again at the end, with the package lists fetched for it,
+# saying so on stderr both times.
+#
 # A stamp is written only after everything it covers is in place, so an
 # interrupted run is simply redone. With the stamp present the script neither
 # queries apt nor downloads anything. The 6.1 ABI is whatever bookworm's
@@ -60,20 +65,6 @@ fi
 
 done_already() { [ -s "$STAMP" ] && [ -e "$(cat "$STAMP")" ]; }
 
-if done_already; then
-	cat "$STAMP"
-	exit 0
-fi
-# One fetch at a time, whatever the target: apt's lists and sources are
-# shared (make -j modules). Whoever waited may find the work done.
-mkdir -p "$TDIR"
-exec 9>"$CACHE/apt.lock"
-flock 9
-if done_already; then
-	cat "$STAMP"
-	exit 0
-fi
-
 SUDO=()
 APT_OPTS=()
 if [ "$(id -u)" -eq 0 ]; then
@@ -83,6 +74,63 @@ else
 	SUDO=(sudo)
 fi
 export DEBIAN_FRONTEND=noninteractive
+
+# The bullseye apt source (arm64-5.10 only) exists for the length of a run:
+# the packages are downloaded into .cache/ and never installed, so nothing
+# needs it afterwards, and the machine's apt configuration is left as it
+# was found. It is removed on every way out (an error, a signal, the
+# restart of fetch_deb hands it on to the new process), together with the
+# package lists apt fetched for it. An entry found at the start is a
+# leftover of an earlier version of this script (the name is ours) and goes
+# the same way.
+BULLSEYE_LIST=/etc/apt/sources.list.d/drv-user-cfg-bullseye.sources
+BULLSEYE_OURS=0
+drop_bullseye() {
+	[ "$BULLSEYE_OURS" -eq 1 ] && [ -e "$BULLSEYE_LIST" ] || return 0
+	local uris uri prefix f n=0
+	uris=$(sed -n 's/^URIs:[[:space:]]*//p' "$BULLSEYE_LIST")
+	"${SUDO[@]}" rm -f "$BULLSEYE_LIST"
+	# apt ignores the lists of a source it no longer has, but keeps the
+	# files until its next update, and they would be read again, stale, if
+	# the entry came back before that. Kept when another source of the
+	# machine still names bullseye: those lists may be its.
+	if ! grep -qsw bullseye /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
+		/etc/apt/sources.list.d/*.sources; then
+		for uri in $uris; do
+			prefix=${uri#*://}
+			prefix=${prefix%/}
+			for f in /var/lib/apt/lists/"${prefix//\//_}"_dists_bullseye_*; do
+				[ -e "$f" ] || continue
+				"${SUDO[@]}" rm -f "$f"
+				n=$((n + 1))
+			done
+		done
+	fi
+	log "removed apt source $BULLSEYE_LIST and the $n package lists apt had for it"
+}
+trap drop_bullseye EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+if done_already && [ ! -e "$BULLSEYE_LIST" ]; then
+	cat "$STAMP"
+	exit 0
+fi
+# One fetch at a time, whatever the target: apt's lists and sources are
+# shared (make -j modules). Whoever waited may find the work done.
+mkdir -p "$TDIR"
+exec 9>"$CACHE/apt.lock"
+flock 9
+if [ -e "$BULLSEYE_LIST" ]; then
+	BULLSEYE_OURS=1
+	[ -n "${FETCH_KERNEL_BULLSEYE:-}" ] ||
+		log "found apt source $BULLSEYE_LIST left by an earlier run; removing it when done"
+fi
+if done_already; then
+	cat "$STAMP"
+	exit 0
+fi
 
 # The lists are refreshed at most once per run, and only when a package we
 # need is unknown to apt or its download fails (stale lists).
@@ -127,7 +175,6 @@ ensure_arch() {
 
 # bullseye is reached through the same mirror as the machine's own bookworm
 # entry: copy its URIs, components and keyring, changing only the suite.
-BULLSEYE_LIST=/etc/apt/sources.list.d/drv-user-cfg-bullseye.sources
 ensure_bullseye() {
 	[ -e "$BULLSEYE_LIST" ] && return 0
 	local src=/etc/apt/sources.list.d/debian.sources stanza
@@ -145,9 +192,11 @@ ensure_bullseye() {
 			if (suite) { printf "%s", out; exit }
 		}' "$src")
 	grep -q '^URIs:' <<<"$stanza" || die "no bookworm entry in $src"
-	log "adding bullseye apt source (URIs of the bookworm entry)"
+	BULLSEYE_OURS=1
 	printf '%s\nSuites: bullseye\n' "$stanza" |
 		"${SUDO[@]}" tee "$BULLSEYE_LIST" >/dev/null
+	log "added apt source $BULLSEYE_LIST (bullseye, URIs of the bookworm entry)" \
+		"for this run"
 	UPDATED=0
 }
 
@@ -167,7 +216,8 @@ fetch_deb() {
 	fi
 	[ -z "${FETCH_KERNEL_RETRIED:-}" ] || die "cannot download $pkg:$arch=$ver"
 	apt_update
-	FETCH_KERNEL_RETRIED=1 exec "$0" "$TARGET" "$WHAT"
+	# The new process takes over the bullseye entry, and removes it.
+	FETCH_KERNEL_BULLSEYE=1 FETCH_KERNEL_RETRIED=1 exec "$0" "$TARGET" "$WHAT"
 }
 
 case $TARGET in

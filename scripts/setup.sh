@@ -10,7 +10,17 @@
 #
 # Works unattended (CI=true, no stdin) as root; as another user it goes
 # through sudo.
+#
+# Runs once per CI run: .ci/run runs it first and then exports
+# DRV_USER_CFG_SETUP_DONE=1 ("make check" does the same for its stages), and
+# with that set, later calls (make's setup prerequisite, scripts that call
+# it) return at once.
 set -euo pipefail
+
+if [ -n "${DRV_USER_CFG_SETUP_DONE:-}" ]; then
+	echo "setup: done earlier in this run"
+	exit 0
+fi
 
 PACKAGES=(
 	# host test bed
@@ -25,6 +35,12 @@ PACKAGES=(
 	sparse groff-base
 	# DKMS package test: Debian's dkms and the current amd64 headers
 	dkms linux-headers-amd64
+	# Debian packages (make deb): debhelper with the dkms add-on; the arm64
+	# tools package is cross-built against arm64 libcrypto, and
+	# dpkg-shlibdeps looks up the arm64 libraries it links (libstdc++ of
+	# the cross compiler is not registered as such). Their check
+	# (make deb-check) installs them into a debootstrap'd throwaway root.
+	debhelper dh-dkms libssl-dev:arm64 libstdc++6:arm64 debootstrap
 	# VM harness
 	device-tree-compiler qemu-system-arm cpio
 	# make bench: the environment tools users would otherwise reach for
@@ -41,10 +57,26 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 export DEBIAN_FRONTEND=noninteractive
 
+# NAME is the package of the machine's own architecture (or "all"),
+# NAME:ARCH the one of ARCH: with both architectures installed, dpkg
+# reports NAME once for each.
 installed() {
-	dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null |
-		grep -qx installed
+	local name=${1%%:*} arch=${1#*:}
+	[ "$name" != "$1" ] || arch=$(dpkg --print-architecture)
+	dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$name" 2>/dev/null |
+		grep -qxE "($arch|all) installed"
 }
+
+# Packages of a foreign architecture (name:arm64) need it known to dpkg
+# before apt can even look them up.
+for p in "${PACKAGES[@]}"; do
+	[[ $p == *:* ]] || continue
+	arch=${p#*:}
+	[ "$arch" = "$(dpkg --print-architecture)" ] && continue
+	dpkg --print-foreign-architectures | grep -qx "$arch" && continue
+	echo "setup: dpkg --add-architecture $arch"
+	"${SUDO[@]}" dpkg --add-architecture "$arch"
+done
 
 missing=()
 for p in "${PACKAGES[@]}"; do
