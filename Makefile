@@ -7,16 +7,15 @@
 #   make module [TARGET=arm64-5.10|arm64-6.1|x86_64-6.1]
 #                        build/TARGET/drv_user_cfg.ko, W=1, no warnings
 #   make modules         the module for every target
-#   make host            host test bed (build/host) and its tests
-#   make tsan, make fuzz concurrency tests under TSan; the ioctl fuzzer
-#   make bench           cost per operation against its floor, uninstrumented
-#                        host build (build/bench; table in build/bench/bench.md)
+#   make host            the host stage: module sources in user space under
+#                        ASan/UBSan, -O2 and TSan, tests and fuzzing
+#                        (tests/host/run.sh; logs build/host-*.log)
+#   make bench           cost per operation against its floor (tools/bench;
+#                        table in build/bench/bench.md)
 #   make bench-vm        ioctl round trips per second in the arm64 5.10 VM
-#   make tools           the ucfg client (build/tools) and its tests
-#   make ucfg-image      the offline image tool, uninstrumented (build/image)
+#   make tools           ucfg and ucfg-image for use, uninstrumented
+#                        (build/tools; make ucfg-image is the same)
 #   make lint            checkpatch --strict, sparse, kernel-doc, man pages
-#   make dkms            the DKMS package: add, build, install, remove
-#                        against the installed amd64 headers (throwaway trees)
 #   make dkms-source [DKMS_SOURCE=dir]
 #                        assemble the DKMS package source tree (default
 #                        /usr/src/drv_user_cfg-VERSION)
@@ -24,7 +23,8 @@
 #                        (all) and ucfg-tools (amd64, arm64)
 #   make deb-check       install, check and purge them in a debootstrap'd
 #                        throwaway root (logs build/deb/check-*.log)
-#   make check           everything CI runs
+#   make check [CHECK_STAGES="host modules lint deb vm"]
+#                        everything CI runs (scripts/check.sh)
 #   make image [TARGET]  fetch the target's kernel image for the VM
 #   make vm              the module in QEMU: arm64 5.10 and 6.1, and 5.10 debug
 #   make vm-debug        the VM suite on the debug 5.10 kernel only
@@ -50,8 +50,8 @@ endif
 KBUILD_ARGS := $(if $(V),V=$(V))
 
 .DEFAULT_GOAL := module
-.PHONY: module modules host tsan fuzz bench bench-vm tools tools-arm64 lint vm \
-	check setup dkms dkms-source deb deb-check \
+.PHONY: module modules host bench bench-vm tools ucfg-image tools-arm64 lint vm \
+	check setup dkms-source deb deb-check \
 	image demo torture figures vm-debug stress \
 	clean distclean help \
 	$(addprefix module-,$(TARGETS) arm64-5.10-debug)
@@ -63,47 +63,28 @@ modules: $(addprefix module-,$(TARGETS))
 $(addprefix module-,$(TARGETS) arm64-5.10-debug): module-%:
 	scripts/build-module.sh $* $(KBUILD_ARGS)
 
+# The host stage of make check: the module's sources in user space under
+# ASan/UBSan (every test, the fuzz targets), optimised (the campaign's fixed
+# seeds) and under TSan (the concurrency test); tests/host/run.sh.
+FUZZ_SECONDS ?= 10
 host:
-	@test -f tests/host/CMakeLists.txt || { \
-		echo "make host: tests/host/CMakeLists.txt does not exist" >&2; \
-		exit 1; }
-	cmake -S tests/host -B build/host
-	cmake --build build/host -j$(JOBS)
-	cd build/host && ctest --output-on-failure -j$(JOBS)
+	tests/host/run.sh $(FUZZ_SECONDS)
 
-# The concurrency tests under ThreadSanitizer (build/host-tsan), and the
-# ioctl fuzzer under ASan/UBSan for FUZZ_SECONDS (build/host-fuzz).
-FUZZ_SECONDS ?= 30
-tsan:
-	JOBS=$(JOBS) tests/host/run-tsan.sh
-
-fuzz:
-	JOBS=$(JOBS) tests/host/run-fuzz.sh $(FUZZ_SECONDS)
-
-# The benchmark: module sources and test bed built with -O2 and no
-# sanitizer, run once; not part of "make check".
+# The benchmark, a measuring tool, not part of make check: tools/bench.
 bench:
-	cmake -S tests/host -B build/bench -DUCFG_SANITIZER=none
-	cmake --build build/bench -j$(JOBS) --target ucfg_bench
+	cmake -S tools/bench -B build/bench -DCMAKE_BUILD_TYPE=Release >/dev/null
+	cmake --build build/bench -j$(JOBS)
 	build/bench/ucfg_bench build/bench/bench.md
 
 bench-vm:
 	tests/vm/run.sh arm64-5.10 bench
 
-# The user-space client and its unit tests; tools-arm64 is the static
-# binary that runs inside the test VM.
-tools:
-	cmake -S tools -B build/tools
+# The tools for use, uninstrumented: ucfg and ucfg-image (build/tools).
+# Their tests run in the host stage.
+tools ucfg-image:
+	cmake -S tools -B build/tools -DUCFG_IMAGE_TOOL=ON -DUCFG_TESTS=OFF >/dev/null
 	cmake --build build/tools -j$(JOBS)
-	cd build/tools && ctest --output-on-failure -j$(JOBS)
-
-# The offline image tool for use: the store's sources and the tool built
-# with -O2 and no sanitizer (build/image/ucfg-image). Its tests run in the
-# host build, under AddressSanitizer.
-ucfg-image:
-	cmake -S tests/host -B build/image -DUCFG_SANITIZER=none
-	cmake --build build/image -j$(JOBS) --target ucfg-image
-	@echo "built build/image/ucfg-image"
+	@echo "built build/tools/ucfg and build/tools/ucfg-image"
 
 tools-arm64:
 	cmake -S tools -B build/tools-arm64 \
@@ -112,11 +93,6 @@ tools-arm64:
 
 lint:
 	scripts/lint.sh
-
-# The DKMS package with Debian's dkms: built for the installed amd64 headers
-# in throwaway trees, nothing loaded (scripts/dkms-check.sh).
-dkms:
-	scripts/dkms-check.sh
 
 dkms-source:
 	scripts/dkms-source.sh $(DKMS_SOURCE)
@@ -153,27 +129,9 @@ setup:
 image:
 	scripts/fetch-kernel.sh $(TARGET) image
 
-# Every stage runs even when an earlier one failed, so that one CI run shows
-# all that is wrong; the exit status is non-zero if any stage failed. Setup
-# has run by then: the stages are told so (see scripts/setup.sh).
-CHECK_STAGES := host tsan fuzz tools modules dkms lint vm
-
+# Every stage runs even when an earlier one failed; see scripts/check.sh.
 check: setup
-	@failed=""; \
-	for s in $(CHECK_STAGES); do \
-		echo "=== make check: $$s ==="; \
-		start=$$(date +%s); \
-		if DRV_USER_CFG_SETUP_DONE=1 $(MAKE) --no-print-directory $$s; then \
-			echo "=== make check: $$s passed ($$(( $$(date +%s) - start )) s) ==="; \
-		else \
-			echo "=== make check: $$s FAILED ===" >&2; \
-			failed="$$failed $$s"; \
-		fi; \
-	done; \
-	if [ -n "$$failed" ]; then \
-		echo "make check: FAILED:$$failed" >&2; exit 1; \
-	fi; \
-	echo "make check: all stages passed ($(CHECK_STAGES))"
+	@DRV_USER_CFG_SETUP_DONE=1 scripts/check.sh $(CHECK_STAGES)
 
 demo: setup
 	tests/vm/run.sh arm64-5.10 demo
@@ -194,4 +152,4 @@ distclean: clean
 	rm -rf .cache
 
 help:
-	@sed -n '3,38s/^# \{0,1\}//p' Makefile
+	@sed -n '3,39s/^# \{0,1\}//p' Makefile

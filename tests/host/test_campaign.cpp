@@ -1,475 +1,687 @@
 // SPDX-License-Identifier: GPL-2.0
 //
-// The reliability campaign: the one reference model, random driver and
-// fault scheduler of model.h, used two ways.
+// The reliability campaign: one reference model of every item of devices 0
+// and 1, one random driver and one fault scheduler.
 //
-//  - Sweeps: every operation kind, on a populated store, interrupted at
-//    every flash write (power cut, power cut with a torn block in both
-//    fills, torn write, write error, read-back mismatch), failed at every
-//    flash read and at every allocation. After the reboot the item
-//    operated on holds its old or its new value, every other item of both
-//    devices holds exactly what it held, the device takes the next write,
-//    and nothing leaked.
-//  - Random runs: long seeded sequences of gets, sets and clears on both
-//    devices through the device file and the kernel API, with faults,
-//    damage at rest in one copy and, counted apart, damage to both copies
-//    of a slot.
+// The driver issues random gets, sets and clears of static and named items
+// through both entry points, with sizes chosen so that blocks fill up,
+// items of equal length sit side by side and the content blocks must be
+// compacted again and again. Every result is checked against the model.
+// Before an operation goes through for real, the scheduler runs it in side
+// branches from the same flash state, each with one fault: a power cut,
+// torn or lost block, failed or miscompared write, failed read or failed
+// allocation, at every point the operation reaches (every transfer of
+// every operation that compacts). After each fault the flash comes back and
+// every item of both devices is read: the item operated on must hold its
+// old or its new value, every other item exactly its own. A branch may
+// then run more operations from there, and some branches damage one copy
+// (or, counted apart, both copies) of a block at rest instead.
 //
-// Knobs (environment): UCFG_SEED and UCFG_STEPS replay one random run;
-// UCFG_SWEEP_STRIDE=1 makes every sweep exhaustive (the default samples
-// the two rebuilding operations, which make ~100 transfers each, at every
-// 7th point); UCFG_TORTURE_SECONDS runs Random.Torture for that long with
-// seeds from UCFG_SEED on. When any campaign test ran, the process prints
-// the campaign's figures as a table at exit.
-#include "model.h"
+// UCFG_SEED, UCFG_SECONDS and UCFG_ALL_KINDS run Campaign.Torture: seeds
+// from UCFG_SEED on until the time is up, every fault kind at every point.
+#include "oracle.h"
+
+#include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
 
 extern "C" {
-#include "store/store.h"
+#include "drv_user_cfg.h"
 }
+
 
 namespace {
 
-using model::Bytes;
-using model::FaultKind;
-using model::u32;
-using model::Value;
-using model::pattern;
+using namespace ucfg;
+using Clock = std::chrono::steady_clock;
+using Key = std::pair<u32, std::string>;
+using Value = std::optional<Bytes>;	// none: absent, or a static's default
 namespace fl = tb::flash;
 
-std::uint64_t env_or(const char *name, std::uint64_t dflt)
+// An item name as the store compares it: up to its first NUL, 32 bytes.
+std::string canon(const std::string &n)
 {
-	const char *v = std::getenv(name);
-	return v && *v ? std::strtoull(v, nullptr, 0) : dflt;
+	return n.substr(0, std::min<std::size_t>(n.find('\0'), 32));
 }
 
-// Prints the figures once, if the campaign ran in this process.
-class TallyPrinter : public ::testing::Environment {
-public:
-	void TearDown() override
+struct Model {
+	std::map<Key, Value> v;
+	std::set<Key> names;	// every named item ever used, present or not
+
+	Value at(const Key &k) const
 	{
-		const model::Tally &t = model::tally();
-		if (t.scenarios || t.runs)
-			std::printf("\n[ campaign ] figures of this run:\n%s",
-				    model::tally_table().c_str());
+		auto it = v.find({k.first, canon(k.second)});
+		return it == v.end() ? Value() : it->second;
+	}
+	void put(const Key &k, const Value &x)
+	{
+		v[{k.first, canon(k.second)}] = x;
+		if (!find_static(k.second))
+			names.insert({k.first, canon(k.second)});
 	}
 };
-const auto *g_printer = ::testing::AddGlobalTestEnvironment(new TallyPrinter);
 
-// ---------------------------------------------------------------------------
-// The stores the sweeps start from.
-enum class Pop { Mixed, Full };
-
-void put_ok(model::Model &m, u32 dev, const std::string &name, const Value &v)
-{
-	int rc = v ? model::store::set(dev, name, *v) : model::store::clear(dev, name);
-	ASSERT_EQ(rc, 0) << name;
-	m.put(dev, name, v);
-}
-
-// Mixed: static and dynamic items of many sizes on both devices, with a
-// cleared slot. Full: blocks 2 to 31 so full that no block has room for
-// 32,767 bytes, block 2 holding a cleared 32,768-byte slot, so growing an
-// item or adding a large one rebuilds the content blocks.
-void populate(model::Model &m, Pop pop)
-{
-	put_ok(m, 1, "ddr_ecc_enable", Bytes{0});
-	put_ok(m, 1, "other", pattern(64, 99));
-	put_ok(m, 0, "ssh_status", Bytes{1});
-	if (pop == Pop::Mixed) {
-		put_ok(m, 0, "p2p_mem_cfg", Bytes{8, 0, 0, 1});
-		put_ok(m, 0, "ccpu_usr_cert_hash", pattern(1024, 21));
-		put_ok(m, 0, "usershadow", pattern(2048, 22));
-		put_ok(m, 0, "a", pattern(300, 1));
-		put_ok(m, 0, "b", pattern(5000, 2));
-		put_ok(m, 0, "c", pattern(100, 3));
-		put_ok(m, 0, "d", pattern(32768, 4));
-		put_ok(m, 0, "e", pattern(1, 5));
-		put_ok(m, 0, "g", pattern(20000, 6));
-		put_ok(m, 0, "c", std::nullopt);
-		return;
+struct Op {
+	enum Kind { Get, Set, Clear } kind;
+	u32 dev;
+	std::string name;
+	Bytes value;	// Set
+	u32 size;	// Get: the buffer; Set: the length claimed
+	Via via;
+	std::string str() const
+	{
+		static const char *const k[] = {"get", "set", "clear"};
+		std::string n;
+		for (char c : name)
+			n += (c > 32 && c < 127) ? std::string(1, c) : "\\x" + std::to_string(u8(c));
+		return std::string(k[kind]) + " dev " + std::to_string(dev) + " '" + n + "' size " +
+		       std::to_string(size) + (via == Via::Kernel ? " (kernel API)" : "");
 	}
-	put_ok(m, 0, "T", pattern(100, 6));
-	put_ok(m, 0, "V", pattern(500, 7));
-	put_ok(m, 0, "X", pattern(32768, 8));
-	put_ok(m, 0, "Y", pattern(32000, 9));
-	for (u32 b = 3; b <= 31; b++)
-		put_ok(m, 0, "F" + std::to_string(b), pattern(32768, 10 + b));
-	put_ok(m, 0, "X", std::nullopt);
-}
-
-// Damage at rest before the operation, in one copy.
-enum class Damage { None, MainHead, BackupHead, MainSlot };
-
-struct Scenario {
-	const char *name;
-	Pop pop;
-	enum { Set, Clear, Get } kind;
-	const char *item;
-	Value value;		// what a set writes
-	model::Via via;
-	Damage damage;
-	bool rebuilds;		// the operation compacts the content blocks
 };
 
-using model::Via;
-const Scenario kScenarios[] = {
-	{"static_set", Pop::Mixed, Scenario::Set, "p2p_mem_cfg",
-	 Bytes{0x11, 0x22, 0x33, 0x44}, Via::Ioctl, Damage::None, false},
-	{"static_set_main_head_damaged", Pop::Mixed, Scenario::Set, "p2p_mem_cfg",
-	 Bytes{0x11, 0x22, 0x33, 0x44}, Via::Ioctl, Damage::MainHead, false},
-	{"static_set_backup_head_damaged", Pop::Mixed, Scenario::Set, "ssh_status",
-	 Bytes{0}, Via::KernelApi, Damage::BackupHead, false},
-	{"static_clear", Pop::Mixed, Scenario::Clear, "ccpu_usr_cert_hash",
-	 std::nullopt, Via::KernelApi, Damage::None, false},
-	{"static_get_repairing_head", Pop::Mixed, Scenario::Get, "usershadow",
-	 std::nullopt, Via::Ioctl, Damage::MainHead, false},
-	{"dynamic_new", Pop::Mixed, Scenario::Set, "n", pattern(700, 31),
-	 Via::Ioctl, Damage::None, false},
-	{"dynamic_same_length", Pop::Mixed, Scenario::Set, "b", pattern(5000, 32),
-	 Via::KernelApi, Damage::None, false},
-	{"dynamic_shorter", Pop::Mixed, Scenario::Set, "b", pattern(1000, 33),
-	 Via::Ioctl, Damage::None, false},
-	{"dynamic_longer", Pop::Mixed, Scenario::Set, "b", pattern(9000, 34),
-	 Via::Ioctl, Damage::None, false},
-	{"dynamic_clear", Pop::Mixed, Scenario::Clear, "b", std::nullopt,
-	 Via::Ioctl, Damage::None, false},
-	{"dynamic_get_repairing_slot", Pop::Mixed, Scenario::Get, "g",
-	 std::nullopt, Via::Ioctl, Damage::MainSlot, false},
-	{"dynamic_longer_with_rebuild", Pop::Full, Scenario::Set, "T",
-	 pattern(32767, 35), Via::Ioctl, Damage::None, true},
-	{"dynamic_new_with_rebuild", Pop::Full, Scenario::Set, "N",
-	 pattern(32767, 36), Via::Ioctl, Damage::None, true},
+struct Stats {
+	std::uint64_t ops = 0, checks = 0, rebuilds = 0, ghosts = 0, lost_reads = 0;
+	std::uint64_t aliasing = 0;	// compactions packing an item on another's place
+	std::map<std::string, std::uint64_t> faults;
+	std::uint64_t total() const
+	{
+		std::uint64_t t = 0;
+		for (const auto &f : faults)
+			t += f.second;
+		return t;
+	}
 };
-
-int run_op(const Scenario &s)
-{
-	switch (s.kind) {
-	case Scenario::Set:
-		return model::store::set(0, s.item, *s.value, s.via);
-	case Scenario::Clear:
-		return model::store::clear(0, s.item, s.via);
-	case Scenario::Get:
-		break;
-	}
-	return model::store::get(0, s.item, s.via).rc;
-}
-
-void damage(const Scenario &s)
-{
-	u32 at = 0;
-	switch (s.damage) {
-	case Damage::None:
-		return;
-	case Damage::MainHead:
-		fl::flip_bits(0, 0, 3103, 0x08);
-		return;
-	case Damage::BackupHead:
-		fl::flip_bits(0, 32, 40000, 0x81);
-		return;
-	case Damage::MainSlot:
-		// The item's record, read from the head as the format lays it
-		// out; then one byte inside its main slot.
-		fl::Image h = fl::block(0, 0);
-		const auto *hb = reinterpret_cast<const user_cfg_head_blk *>(h.data());
-		for (u32 i = 0; i < hb->head_len / 52; i++) {
-			const user_cfg_item_head &r = hb->item_head[i];
-			if (r.valid_flg == 1 && std::string(r.name) == s.item) {
-				at = r.item_offset + r.item_bytes / 2;
-				fl::flip_bits(0, r.blk_offset, at, 0x20);
-				return;
-			}
-		}
-		ADD_FAILURE() << s.item << " not found in the head";
-	}
-}
-
-// Whether point k of n is swept: every stride-th from the first, and the
-// last three, where the new value becomes the one that survives.
-bool swept(u32 k, u32 n, u32 stride)
-{
-	return (k - 1) % stride == 0 || k + 3 > n;
-}
-
-// Every fault of every kind at every point of s's transfers (see swept());
-// returns the number of scenarios run.
-u32 sweep(const Scenario &s, u32 stride)
-{
-	model::store::become_daemon();
-	model::Model base;
-	populate(base, s.pop);
-	if (::testing::Test::HasFatalFailure())
-		return 0;
-	damage(s);
-	const model::Snapshot start = model::snapshot();
-
-	// The operation itself, clean: it succeeds, rebuilds when meant to.
-	const std::size_t rb0 = model::rebuilds_logged();
-	const model::Cost cost = model::measure([&] { EXPECT_EQ(run_op(s), 0) << s.name; });
-	EXPECT_EQ(model::rebuilds_logged() - rb0, s.rebuilds ? 1u : 0u) << s.name;
-	EXPECT_GT(s.kind == Scenario::Get ? cost.reads : cost.writes, 0u) << s.name;
-
-	// Tear points spread over the block, from the first byte to the last.
-	static const u32 kTears[] = {1, 3103, 32768, 65520, 60001, 512};
-	std::vector<model::Fault> faults;
-	for (u32 k = 1; k <= cost.writes; k++) {
-		if (!swept(k, cost.writes, stride))
-			continue;
-		const u32 t1 = kTears[k % 6], t2 = kTears[(k + 3) % 6];
-		faults.push_back({FaultKind::PowerCut, k});
-		faults.push_back({FaultKind::PowerCutTorn, k, t1, fl::TearFill::OldBytes});
-		faults.push_back({FaultKind::PowerCutTorn, k, t2, fl::TearFill::Erased});
-		faults.push_back({FaultKind::TornWrite, k, t2,
-				  k % 2 ? fl::TearFill::OldBytes : fl::TearFill::Erased});
-		faults.push_back({FaultKind::WriteError, k});
-		faults.push_back({FaultKind::CorruptWrite, k, t1});
-	}
-	for (u32 k = 1; k <= cost.reads; k++)
-		if (swept(k, cost.reads, stride))
-			faults.push_back({FaultKind::ReadError, k});
-	for (u32 k = 1; k <= cost.allocs; k++)
-		if (swept(k, cost.allocs, stride))
-			faults.push_back({FaultKind::AllocFail, k});
-
-	std::map<std::string, u32> by_kind;
-	u32 old_kept = 0, new_seen = 0, n = 0;
-	for (const model::Fault &f : faults) {
-		const std::string where = std::string(s.name) + ": " +
-			model::kind_name(f.kind) + " at " + std::to_string(f.nth) +
-			" (tear " + std::to_string(f.torn_bytes) + ")";
-		model::restore(start);
-		model::Model m = base;
-		const u32 injected = tb::alloc::failures_injected();
-		const std::size_t rb = model::rebuilds_logged();
-		model::arm(f);
-		const int rc = run_op(s);
-		model::tally().rebuilds += static_cast<u32>(model::rebuilds_logged() - rb);
-		const bool fired = fl::faults_fired() > 0 ||
-				   tb::alloc::failures_injected() > injected;
-		model::disarm();
-		EXPECT_TRUE(fired) << where << ": the fault never fired";
-		if (s.kind == Scenario::Get) {
-			// A read changes no value, whatever failed in its repair.
-		} else if (s.kind == Scenario::Clear && !model::find_static(s.item)) {
-			m.maybe_cleared(0, s.item);
-		} else {
-			m.maybe(0, s.item, s.value);
-		}
-		// Nothing retries and nothing is optional: a fault that hit a
-		// write fails it (a write is read back, so even a silent
-		// corruption is reported).
-		if (s.kind != Scenario::Get) {
-			EXPECT_NE(rc, 0) << where;
-		}
-		for (u32 dev = 0; dev < 2; dev++)
-			EXPECT_EQ(model::check_all(m, dev), "") << where;
-		const std::vector<Value> a = m.allowed(0, s.item);
-		if (a.size() == 1)
-			(a[0] == s.value ? new_seen : old_kept)++;
-
-		// The device takes the next writes, and they complete it.
-		const Bytes ecc{static_cast<std::uint8_t>(n & 1)};
-		EXPECT_EQ(model::store::set(0, "ddr_ecc_enable", ecc), 0) << where;
-		m.put(0, "ddr_ecc_enable", ecc);
-		if (!model::find_static(s.item)) {
-			const Bytes small = pattern(40, n);
-			EXPECT_EQ(model::store::set(0, s.item, small), 0) << where;
-			m.put(0, s.item, small);
-		} else {
-			EXPECT_EQ(model::check_flash(0), "") << where;
-		}
-		EXPECT_EQ(model::check_all(m, 0), "") << where;
-		EXPECT_EQ(tb::leaks(), std::vector<std::string>()) << where;
-
-		model::tally().faults[model::kind_name(f.kind)]++;
-		model::tally().ops += 3;
-		model::tally().scenarios++;
-		by_kind[model::kind_name(f.kind)]++;
-		n++;
-		if (::testing::Test::HasFailure()) {
-			model::tally().failures++;
-			break;
-		}
-	}
-	if (s.kind != Scenario::Get) {
-		// Both outcomes occur: early faults keep the old value, faults
-		// after the main head is written settle on the new one.
-		EXPECT_GT(old_kept, 0u) << s.name;
-		EXPECT_GT(new_seen, 0u) << s.name;
-	}
-	std::string summary;
-	for (const auto &kv : by_kind)
-		summary += " " + kv.first + "=" + std::to_string(kv.second);
-	std::printf("[ sweep    ] %s: %u writes, %u reads, %u allocations, stride %u: "
-		    "%u scenarios (old kept %u, new %u):%s\n",
-		    s.name, cost.writes, cost.reads, cost.allocs, stride, n,
-		    old_kept, new_seen, summary.c_str());
-	return n;
-}
-
-} // namespace
-
-class Sweep : public tb::Fixture, public ::testing::WithParamInterface<Scenario> {};
-
-TEST_P(Sweep, EveryTransferAndAllocation)
-{
-	const Scenario &s = GetParam();
-	const u32 stride = static_cast<u32>(env_or("UCFG_SWEEP_STRIDE", s.rebuilds ? 7 : 1));
-	EXPECT_GT(sweep(s, stride), 10u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Ops, Sweep, ::testing::ValuesIn(kScenarios),
-			 [](const ::testing::TestParamInfo<Scenario> &i) {
-				 return std::string(i.param.name);
-			 });
-
-// ---------------------------------------------------------------------------
-// Random runs. Each configuration is one row; a failing run prints its
-// seed, and UCFG_SEED / UCFG_STEPS replay it.
-namespace {
 
 struct Config {
-	const char *name;
-	model::DriverConfig cfg;
+	std::uint64_t seed = 1;
+	u32 steps = 300;
+	double seconds = 0;	// > 0: run until then instead of steps
+	double sweep = 0.05;	// chance of a full sweep of an ordinary operation
+	double fault = 0.3;	// chance of one random fault
+	double rot = 0.05;	// damage of one copy at rest
+	double loss = 0.01;	// damage of both copies of one slot
+	double follow = 0.25;	// more operations after a fault
+	bool all_kinds = false;	// every write fault kind at every write
+	u32 prefill = 120;	// sets before the first fault
 };
 
-model::DriverConfig make(u32 steps, double faults, double rot, double loss,
-			 u32 names = 24, u32 prefill = 0, u32 max_size = 32768,
-			 u32 big_percent = 15)
+// Names that hold large values: fewer than the 30 content blocks.
+constexpr u32 kLarge = 29;
+
+const fl::Fault kWriteFaults[] = {fl::Fault::PowerCut, fl::Fault::TornCut, fl::Fault::TornWrite,
+				  fl::Fault::SilentTear, fl::Fault::WriteError, fl::Fault::Corrupt};
+const char *const kFaultNames[] = {"power-cut", "power-cut-torn", "torn-write", "silent-tear",
+				   "write-error", "corrupt-write"};
+
+class Campaign {
+public:
+	explicit Campaign(const Config &c) : cfg_(c), rng_(c.seed) {}
+	std::string run();
+	Stats stats;
+
+private:
+	Config cfg_;
+	std::mt19937_64 rng_;
+	Model m_;
+	std::vector<std::string> pool_[2];
+	bool fill_ = false;	// the opening sets that fill the store
+	std::vector<Bytes> base_;	// the flash of devices 0 and 1 before this step
+
+	u32 pick(u32 n) { return static_cast<u32>(rng_() % n); }
+	bool chance(double p) { return std::uniform_real_distribution<>(0, 1)(rng_) < p; }
+	Op random_op(const Model &m);
+	u32 random_size(u32 name);
+	std::string apply(Model &m, const Op &op, bool &changed);
+	std::string check(const Model &m, const Op *target, const std::vector<Value> &alt,
+			  Model *settle, const std::set<Key> &lost = {});
+	std::string branch(const Op &op, const Model &after, fl::Fault f, u32 nth, u32 alloc);
+	std::string damage_branch(bool both);
+	std::string step(u32 i);
+	bool room(u32 dev, const std::string &name, u32 n, bool &sure);
+};
+
+// The flash of devices 0 and 1, kept and put back.
+void snapshot(std::vector<Bytes> &s)
 {
-	model::DriverConfig c;
-	c.steps = steps;
-	c.fault_rate = faults;
-	c.rot_rate = rot;
-	c.loss_rate = loss;
-	c.names = names;
-	c.prefill = prefill;
-	c.max_size = max_size;
-	c.big_percent = big_percent;
-	return c;
+	s.resize(2);
+	for (u32 d = 0; d < 2; d++)
+		s[d].assign(fl::at(d, 0), fl::at(d, 0) + fl::kArea);
 }
 
-const Config kConfigs[] = {
-	// Sizes up to 32,768: blocks fill, records are reused, content is
-	// rebuilt; no faults, so every write must succeed.
-	{"NoFaults", make(1000, 0, 0, 0, 26, 0, 32768, 70)},
-	// Faults in 40% of the writes, damage at rest, a few slots lost in
-	// both copies.
-	{"FaultsAndDamage", make(300, 0.4, 0.3, 0.03)},
-	// A full item-head table (1,099 records): lookups scan it all, new
-	// names are refused until clears make room, and take that room.
-	{"FullItemTable", make(60, 0.2, 0.1, 0, 8, 1099, 256)},
-};
-
-std::string run_config(const Config &c, std::uint64_t seed, u32 steps, model::DriverStats *st)
+void restore(const std::vector<Bytes> &s)
 {
-	model::DriverConfig cfg = c.cfg;
-	cfg.seed = seed;
-	cfg.steps = steps;
-	model::Driver d(cfg);
-	std::string e = d.run();
-	*st = d.stats();
-	if (!e.empty())
-		e += "\n  replay: UCFG_SEED=" + std::to_string(seed) + " UCFG_STEPS=" +
-		     std::to_string(steps) + " ucfg_host_tests --gtest_filter=Random.*" +
-		     c.name;
-	return e;
+	for (u32 d = 0; d < 2; d++)
+		std::memcpy(fl::at(d, 0), s[d].data(), fl::kArea);
+	fl::reboot();
+	tb::alloc::fail_nth(0);
+}
+
+// A name's length class: the first names hold large values, nearly a block
+// each (so the blocks fill after a few of them moved, and compactions come
+// often); the others mostly one small length, in runs that a clear or a
+// move to another block breaks, so that packing puts one where another
+// was.
+u32 Campaign::random_size(u32 name)
+{
+	static const u32 small[] = {1, 7, 64, 300};
+	if (name < kLarge)
+		return pick(4) ? 32768 - pick(33) : 16000 + pick(16769);
+	u32 r = pick(100);
+	return r < 80 ? 50 : r < 88 ? small[pick(4)] : 16000 + pick(16769);
+}
+
+Op Campaign::random_op(const Model &m)
+{
+	Op op{};
+	op.dev = chance(0.85) ? 0 : 1;
+	u32 r = pick(100);
+	op.kind = r < 55 || fill_ ? Op::Set : r < 80 ? Op::Get : Op::Clear;
+	bool stat = chance(0.15);
+	u32 n_pool = static_cast<u32>(pool_[op.dev].size());
+	u32 idx = pick(2) ? pick(std::min(kLarge, n_pool)) : pick(n_pool);
+	op.name = stat ? kStatic[pick(6)].name : pool_[op.dev][idx];
+	if (op.kind == Op::Clear && !stat && idx < kLarge && pick(3))
+		op.kind = Op::Get;	// large values stay, mostly: the blocks stay full
+	else if (op.kind == Op::Get && !stat && idx >= kLarge && pick(2))
+		op.kind = Op::Clear;	// small ones come and go: new records in a row
+	bool plain = op.name.size() < 32 &&
+		     op.name.find_first_of(std::string("\x01\xff\n\0", 4)) == std::string::npos;
+	op.via = plain && chance(0.3) ? Via::Kernel : Via::Ioctl;
+	const Static *s = find_static(op.name);
+	Value cur = m.at({op.dev, op.name});
+	if (op.kind == Op::Set) {
+		u32 n = s ? s->len : random_size(idx);
+		// Large values mostly grow, so that they move to free blocks.
+		if (!s && cur && chance(idx < kLarge ? 0.6 : 0.2))
+			n = std::min<u32>(32768, cur->size() + pick(idx < kLarge ? 17 : 2));
+		if (chance(0.03))
+			n = s ? n + 1 : pick(2) * 32769;	// refused: a wrong size
+		op.value = pattern(n, static_cast<u32>(rng_()));
+		op.size = n;
+	} else if (op.kind == Op::Get) {
+		u32 n = s ? s->len : cur ? static_cast<u32>(cur->size()) : 100;
+		op.size = chance(0.9) ? (s ? n : 32768) : std::max<u32>(1, n - 1);
+	}
+	return op;
+}
+
+// Whether a new or growing named item of n bytes has room, compaction
+// included, from the head on flash: a content block keeps its items, so
+// its free space after packing is what its live slots leave. sure is
+// false when a few bytes of slack decide it.
+bool Campaign::room(u32 dev, const std::string &name, u32 n, bool &sure)
+{
+	sure = true;
+	const Head *h = head(dev);
+	if (!h)
+		return true;
+	u32 live[32] = {};
+	bool fresh = true;
+	for (u32 i = 0; i < h->head_len / 52; i++) {
+		const Record &r = h->rec[i];
+		bool same = canon(std::string(r.name, 32)) == canon(name);
+		fresh = fresh && !(same && r.valid == 1);
+		if (r.valid == 1 && r.blk < 32 && !same)
+			live[r.blk] += r.bytes + 32;
+	}
+	if (fresh && h->head_len > 57123)
+		return false;
+	for (u32 b = 2; b < 32; b++) {
+		if (h->usage[b].used != 1)
+			return true;
+		if (n + 32 + 64 < 65536 - live[b])
+			return true;
+		if (n + 32 < 65536 - live[b])
+			sure = false;
+	}
+	return false;
+}
+
+// Whether plain packing of dev's blocks (live slots from offset 0 in
+// record order) would put an item exactly where another item's slot is
+// now: the layouts in which a compaction cut short could hand out the
+// wrong item's bytes, unless the packer avoids them.
+bool aliasing_layout(u32 dev)
+{
+	const Head *h = head(dev);
+	if (!h)
+		return false;
+	u32 n = h->head_len / 52, pos[32] = {};
+	std::set<std::tuple<u32, u32, u32>> now;
+	for (u32 i = 0; i < n; i++)
+		if (h->rec[i].valid == 1)
+			now.insert({h->rec[i].blk, h->rec[i].offset, h->rec[i].bytes});
+	for (u32 i = 0; i < n; i++) {
+		const Record &r = h->rec[i];
+		if (r.valid != 1 || r.blk >= 32)
+			continue;
+		if (pos[r.blk] != r.offset && now.count({r.blk, pos[r.blk], r.bytes}))
+			return true;
+		pos[r.blk] += r.bytes + 32;
+	}
+	return false;
+}
+
+// The operation for real on the model's state: its result must be the one
+// the model predicts, and the model follows it.
+std::string Campaign::apply(Model &m, const Op &op, bool &changed)
+{
+	const Static *s = find_static(op.name);
+	Key k{op.dev, op.name};
+	Value cur = m.at(k);
+	changed = false;
+	stats.ops++;
+	if (op.kind == Op::Get) {
+		Res r = get(op.dev, op.name, op.size, op.via);
+		Res want;
+		if (s) {
+			bool fits = op.via == Via::Ioctl ? op.size == s->len : op.size >= s->len;
+			want = fits ? Res{0, cur ? *cur : s->dflt} : Res{-EINVAL, {}};
+		} else if (!cur) {
+			want.rc = -ENOENT;
+		} else {
+			want = op.size >= cur->size() ? Res{0, *cur} : Res{-ENXIO, {}};
+		}
+		return r == want ? "" : op.str() + ": " + show(r) + ", expected " + show(want);
+	}
+	if (op.kind == Op::Clear) {
+		int rc = clear(op.dev, op.name, op.via);
+		int want = s || cur ? 0 : -ENOENT;
+		if (rc != want)
+			return op.str() + ": rc " + std::to_string(rc) + ", expected " +
+			       std::to_string(want);
+		changed = rc == 0;
+		m.put(k, Value());
+		return "";
+	}
+	const Bytes &v = op.value;
+	int rc = set(op.dev, op.name, v, op.via);
+	bool sure = true;
+	bool fits = s || (cur && cur->size() >= v.size()) || room(op.dev, op.name, op.size, sure);
+	bool bad = (s && op.size != s->len) || op.size == 0 || op.size > 32768;
+	int want = bad ? -EINVAL : fits ? 0 : -ENOSPC;
+	if (rc != want && !(!sure && (rc == 0 || rc == -ENOSPC)))
+		return op.str() + ": rc " + std::to_string(rc) + ", expected " + std::to_string(want);
+	if (rc == 0) {
+		m.put(k, v);
+		changed = true;
+	}
+	return "";
+}
+
+// Reads every item of both devices through a random entry and compares.
+// The target of an interrupted operation may also read as one of alt (as
+// it was before, or for a named clear as 0xff bytes: see
+// docs/RELIABILITY.md); with settle, the model takes what it read. Items
+// in lost were damaged in both copies: they may only fail to read.
+std::string Campaign::check(const Model &m, const Op *t, const std::vector<Value> &alt,
+			    Model *settle, const std::set<Key> &lost)
+{
+	std::vector<Key> all;
+	for (u32 d = 0; d < 2; d++)
+		for (const Static &s : kStatic)
+			all.push_back({d, s.name});
+	all.insert(all.end(), m.names.begin(), m.names.end());
+	for (const Key &k : all) {
+		const Static *s = find_static(k.second);
+		bool plain = k.second.size() < 32 &&
+			     k.second.find_first_of(std::string("\x01\xff\n\0", 4)) == std::string::npos;
+		Via via = plain && chance(0.3) ? Via::Kernel : Via::Ioctl;
+		Res r = get(k.first, k.second, s ? s->len : 32768, via);
+		stats.checks++;
+		if (lost.count(k)) {
+			stats.lost_reads++;
+			if (r.rc == 0)
+				return "lost item " + k.second + " returned data";
+			continue;
+		}
+		auto as_res = [&](const Value &v) {
+			return v ? Res{0, *v} : s ? Res{0, s->dflt} : Res{-ENOENT, {}};
+		};
+		std::vector<Value> ok{m.at(k)};
+		if (t && t->dev == k.first && canon(t->name) == canon(k.second))
+			ok.insert(ok.end(), alt.begin(), alt.end());
+		auto it = std::find_if(ok.begin(), ok.end(), [&](const Value &v) {
+			return as_res(v) == r;
+		});
+		if (it == ok.end())
+			return "device " + std::to_string(k.first) + " item '" + k.second +
+			       "' reads " + show(r) + ", expected " + show(as_res(ok[0])) +
+			       (ok.size() > 1 ? " or " + show(as_res(ok[1])) : "");
+		if (settle)
+			settle->put(k, *it);
+	}
+	return "";
+}
+
+// One fault in a side branch: from the state now on flash, op runs with
+// fault f at its nth write or read (or its alloc-th allocation fails);
+// then the flash comes back and every item must read right, before and
+// after some more operations. The flash is restored afterwards.
+std::string Campaign::branch(const Op &op, const Model &after, fl::Fault f, u32 nth, u32 alloc)
+{
+	Model m = m_;
+	Value before = m.at({op.dev, op.name});
+	bool changed;
+	if (alloc)
+		tb::alloc::fail_nth(alloc);
+	else
+		fl::arm(f, nth, 1 + pick(fl::kBlock - 1), chance(0.5));
+	tb::log::clear();
+	Model tmp = m;
+	apply(tmp, op, changed);	// any result: the fault decides
+	fl::reboot();
+	tb::alloc::fail_nth(0);
+	// What the target may read as: before, after, and for an interrupted
+	// named clear 0xff bytes of its old length, which stay readable
+	// until the next head write (they then read as absent).
+	std::vector<Value> alt{before};
+	Value ghost;
+	if (op.kind == Op::Clear && !find_static(op.name) && before)
+		ghost = Bytes(before->size(), 0xff);
+	if (ghost)
+		alt.push_back(ghost);
+	std::string p = tb::problems();
+	if (p.empty())
+		p = check(after, &op, alt, &m);
+	bool ghosted = ghost && m.at({op.dev, op.name}) == ghost;
+	if (ghosted) {
+		stats.ghosts++;
+		m.put({op.dev, op.name}, Value());
+	}
+	for (u32 i = 0; p.empty() && chance(cfg_.follow) && i < 2; i++) {
+		Op next = random_op(m);
+		if (ghosted && canon(next.name) == canon(op.name) && next.dev == op.dev)
+			break;
+		p = apply(m, next, changed);
+		if (p.empty())
+			p = check(m, ghosted ? &op : nullptr, {ghost}, nullptr);
+		if (!p.empty())
+			p = "then " + next.str() + ": " + p;
+	}
+	restore(base_);
+	if (!p.empty())
+		return op.str() + " with " + (alloc ? "allocation " + std::to_string(alloc) + " failing"
+					      : "fault " + std::to_string(int(f)) + " at transfer " +
+						std::to_string(nth)) + ": " + p + "\n" + tb::log::dump(12);
+	return "";
+}
+
+// Damage at rest in one copy of a block (or, counted apart, in both copies
+// of one item's slot), then every item must read right, before and after
+// another operation.
+std::string Campaign::damage_branch(bool both)
+{
+	Model m = m_;
+	std::set<Key> lost;
+	u32 dev = pick(2);
+	const Head *h = head(dev);
+	if (both) {
+		std::vector<const Record *> live;
+		for (u32 i = 0; h && i < h->head_len / 52; i++)
+			if (h->rec[i].valid == 1)
+				live.push_back(&h->rec[i]);
+		if (live.empty())
+			return "";
+		const Record r = *live[pick(live.size())];
+		for (u32 copy : {0u, 32u})
+			fl::at(dev, r.blk + copy)[r.offset + pick(r.bytes + 32)] ^= 1 << pick(8);
+		lost.insert({dev, canon(std::string(r.name, 32))});
+		stats.faults["double-copy-damage"]++;
+	} else {
+		u32 blk = pick(4) ? pick(64) : pick(2) * 32;
+		u32 at = pick(fl::kBlock), n = 1 + pick(8);
+		for (u32 i = 0; i < n && at + i < fl::kBlock; i++)
+			fl::at(dev, blk)[at + i] ^= static_cast<u8>(1 + pick(255));
+		stats.faults["damage-at-rest"]++;
+	}
+	// The reads that find the damage repair it; now and then one of their
+	// transfers fails as well, and only a second pass must be clean.
+	std::string p;
+	if (!both && chance(0.5)) {
+		bool rd = chance(0.5);
+		fl::arm(rd ? fl::Fault::ReadError : kWriteFaults[pick(std::size(kWriteFaults))],
+			1 + pick(rd ? 40 : 3), 1 + pick(fl::kBlock - 1), chance(0.5));
+		for (u32 d = 0; d < 2; d++)
+			for (const Static &st : kStatic)
+				get(d, st.name, st.len);
+		for (const Key &k : m.names)
+			get(k.first, k.second, 32768);
+		fl::reboot();
+		p = tb::problems();
+	}
+	if (p.empty())
+		p = check(m, nullptr, {}, nullptr, lost);
+	bool changed;
+	Op next = random_op(m);
+	if (p.empty() && !lost.count({next.dev, canon(next.name)})) {
+		p = apply(m, next, changed);
+		if (changed)
+			lost.erase({next.dev, canon(next.name)});
+		if (p.empty())
+			p = check(m, nullptr, {}, nullptr, lost);
+	}
+	restore(base_);
+	return p.empty() ? "" : std::string(both ? "both copies" : "one copy") +
+					" damaged on device " + std::to_string(dev) + ": " + p;
+}
+
+std::string Campaign::step(u32 i)
+{
+	snapshot(base_);
+	if (chance(cfg_.rot))
+		if (std::string p = damage_branch(false); !p.empty())
+			return p;
+	if (chance(cfg_.loss))
+		if (std::string p = damage_branch(true); !p.empty())
+			return p;
+	Op op = random_op(m_);
+	// A dry run counts what the operation reaches: writes, reads,
+	// allocations, and whether it compacts.
+	fl::clear_trace();
+	tb::log::clear();
+	u32 a0 = tb::alloc::calls();
+	Model dry = m_;
+	bool changed;
+	std::string why = apply(dry, op, changed);
+	u32 allocs = tb::alloc::calls() - a0, reads = 0, writes = 0;
+	for (const auto &t : fl::trace())
+		(t.write ? writes : reads)++;
+	bool rebuilds = tb::log::has(5, "", "block space is not enough, rebuild content and try again");
+	restore(base_);
+	if (!why.empty())
+		return "step " + std::to_string(i) + ": " + why + "\n" + tb::log::dump(12);
+	stats.rebuilds += rebuilds;
+	stats.aliasing += rebuilds && aliasing_layout(op.dev);
+
+	// The faults of this operation's side branches: at every point when
+	// it is swept, else now and then one at a random point.
+	bool sweep = rebuilds || chance(cfg_.sweep);
+	struct Shot {
+		std::size_t kind;	// write fault kind; nk: read, nk + 1: alloc
+		u32 nth;
+	};
+	std::vector<Shot> plan;
+	const std::size_t nk = std::size(kWriteFaults);
+	for (u32 k = 1; sweep && k <= writes; k++)
+		for (std::size_t j = 0; j < (cfg_.all_kinds ? nk : 1); j++)
+			plan.push_back({cfg_.all_kinds ? j : pick(nk), k});
+	for (u32 k = 1; sweep && k <= reads; k++)
+		plan.push_back({nk, k});
+	for (u32 k = 1; sweep && k <= allocs; k++)
+		plan.push_back({nk + 1, k});
+	if (!sweep && writes && chance(cfg_.fault))
+		plan.push_back({pick(nk), 1 + pick(writes)});
+	if (!sweep && reads && chance(cfg_.fault / 2))
+		plan.push_back({nk, 1 + pick(reads)});
+	if (!sweep && allocs && chance(cfg_.fault / 2))
+		plan.push_back({nk + 1, 1 + pick(allocs)});
+	for (const Shot &sh : plan) {
+		bool alloc = sh.kind == nk + 1;
+		fl::Fault f = sh.kind < nk ? kWriteFaults[sh.kind] : fl::Fault::ReadError;
+		stats.faults[alloc ? "alloc-fail" : sh.kind == nk ? "read-error" : kFaultNames[sh.kind]]++;
+		std::string p = branch(op, dry, f, alloc ? 0 : sh.nth, alloc ? sh.nth : 0);
+		if (!p.empty())
+			return "step " + std::to_string(i) + " (seed " + std::to_string(cfg_.seed) +
+			       "): " + p;
+	}
+	why = apply(m_, op, changed);
+	if (why.empty() && !tb::problems().empty())
+		why = tb::problems();
+	return why.empty() ? "" : "step " + std::to_string(i) + ": " + why;
+}
+
+std::string Campaign::run()
+{
+	tb::reset();
+	tb::ctl::dts(kDts[0], kDts[1], kDts[2]);
+	tb::task::set(tb::task::daemon());
+	for (u32 d = 0; d < 2; d++) {
+		for (u32 i = 0; i < (d ? 8 : 48); i++) {
+			std::string n = "item" + std::to_string(i);
+			if (i % 9 == 1)
+				n = std::string(32, 'a' + i % 26);	// no NUL: all 32 bytes
+			else if (i % 9 == 4)
+				n = "x" + std::to_string(i) + std::string(1, '\0') + "tail";
+			else if (i % 9 == 7)
+				n = std::string("\x01 name\n") + std::to_string(i) + "\xff";
+			pool_[d].push_back(n);
+		}
+	}
+	// Fill the store first: sets only, no faults; the churn of lengths
+	// leaves dead space, so that compactions soon become necessary.
+	fill_ = true;
+	for (u32 i = 0; i < cfg_.prefill; i++) {
+		bool changed;
+		if (std::string p = apply(m_, random_op(m_), changed); !p.empty())
+			return "filling: " + p;
+	}
+	fill_ = false;
+	auto end = Clock::now() + std::chrono::duration<double>(cfg_.seconds);
+	for (u32 i = 0; cfg_.seconds > 0 ? Clock::now() < end : i < cfg_.steps; i++)
+		if (std::string p = step(i); !p.empty())
+			return p;
+	return check(m_, nullptr, {}, nullptr);
+}
+
+std::string figures(const Stats &s)
+{
+	std::string t = "| figure | count |\n|---|---:|\n";
+	auto row = [&](const std::string &k, std::uint64_t v) {
+		t += "| " + k + " | " + std::to_string(v) + " |\n";
+	};
+	row("operations through the entry points", s.ops);
+	row("item reads checked against the model", s.checks);
+	row("operations that compacted the content blocks", s.rebuilds);
+	row("- of them packing an item onto another's old place", s.aliasing);
+	row("faults injected, all kinds, each followed by the every-item check", s.total());
+	for (const auto &f : s.faults)
+		row("- " + f.first, f.second);
+	row("reads of items damaged in both copies (must fail)", s.lost_reads);
+	row("interrupted named clears read as 0xff bytes", s.ghosts);
+	return t;
+}
+
+double env(const char *name, double dflt)
+{
+	const char *v = std::getenv(name);
+	return v && *v ? std::atof(v) : dflt;
+}
+
+class Seeds : public ::testing::TestWithParam<std::uint64_t> {};
+
+// The fixed seeds of make check: each a few hundred operations, every
+// compaction swept at every transfer.
+TEST_P(Seeds, ModelHoldsUnderFaults)
+{
+	Config c;
+	c.seed = GetParam();
+	c.steps = static_cast<u32>(env("UCFG_STEPS", 250));
+	c.all_kinds = env("UCFG_ALL_KINDS", 0) != 0;
+	Campaign camp(c);
+	std::string why = camp.run();
+	EXPECT_EQ(why, "") << "replay: UCFG_STEPS=" << c.steps
+			   << " build/host/ucfg_tests --gtest_filter='*Seeds*/"
+			   << (c.seed - 1) << "'";
+	std::printf("%s", figures(camp.stats).c_str());
+}
+INSTANTIATE_TEST_SUITE_P(Campaign, Seeds, ::testing::Values(1, 2, 3, 4),
+			 [](const auto &i) { return "seed" + std::to_string(i.param); });
+
+// make torture: seed after seed until the time is up, every fault kind at
+// every write of every operation swept.
+TEST(Campaign, Torture)
+{
+	double seconds = env("UCFG_SECONDS", 0);
+	if (seconds <= 0)
+		GTEST_SKIP() << "make torture runs this (UCFG_SECONDS)";
+	Stats all;
+	auto end = Clock::now() + std::chrono::duration<double>(seconds);
+	u32 runs = 0;
+	for (auto seed = static_cast<std::uint64_t>(env("UCFG_SEED", 1)); Clock::now() < end; seed++) {
+		Config c;
+		c.seed = seed;
+		c.seconds = std::min(120.0, std::chrono::duration<double>(end - Clock::now()).count());
+		c.all_kinds = env("UCFG_ALL_KINDS", 1) != 0;
+		c.sweep = 0.2;
+		Campaign camp(c);
+		std::string why = camp.run();
+		ASSERT_EQ(why, "") << "replay: UCFG_SEED=" << seed;
+		runs++;
+		all.ops += camp.stats.ops, all.checks += camp.stats.checks;
+		all.rebuilds += camp.stats.rebuilds, all.ghosts += camp.stats.ghosts;
+		all.aliasing += camp.stats.aliasing;
+		all.lost_reads += camp.stats.lost_reads;
+		for (const auto &f : camp.stats.faults)
+			all.faults[f.first] += f.second;
+	}
+	std::printf("[ torture ] %u runs\n%s", runs, figures(all).c_str());
+}
+
+// Several tasks at once: two on device 0 and one on device 1, each with
+// items of its own, each checking its items after every operation, while
+// a fourth reads the CPU partition table and the board id for the first
+// time. Run under ThreadSanitizer as well.
+TEST(Campaign, Concurrency)
+{
+	tb::reset();
+	tb::ctl::dts(kDts[0], kDts[1], kDts[2]);
+	tb::files::set("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", "0-1,2-3\n");
+	tb::files::set("/sys/fs/cgroup/cpuset/DataCPU/cpuset.cpus", "4,5\n");
+	tb::files::set("/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus", "6-9,10-13\n");
+	std::vector<std::string> failures(4);
+	std::vector<std::thread> threads;
+	for (u32 t = 0; t < 3; t++) {
+		threads.emplace_back([t, &failures] {
+			tb::task::set(tb::task::daemon());
+			u32 dev = t == 2;
+			for (u32 i = 0; i < 40 && failures[t].empty(); i++) {
+				std::string name = "t" + std::to_string(t) + "-" + std::to_string(i % 5);
+				Bytes v = pattern(1 + (i * 977 + t) % 9000, i + 100 * t);
+				if (set(dev, name, v) != 0)
+					failures[t] = "set " + name;
+				else if (!(get(dev, name, 32768) == Res{0, v}))
+					failures[t] = "read back " + name;
+			}
+		});
+	}
+	threads.emplace_back([&failures] {
+		dev_user_cfg_cpu_nums n{};
+		if (dev_user_cfg_get_cpu_number(1, &n) != 0 || n.ccpu_num != 2 || n.aicpu_num != 4)
+			failures[3] = "cpu numbers";
+		if (devdrv_get_config_index_by_name("ssh_status") != 5)
+			failures[3] = "name lookup";
+	});
+	for (auto &th : threads)
+		th.join();
+	for (const auto &f : failures)
+		EXPECT_EQ(f, "");
+	EXPECT_EQ(tb::problems(), "");
 }
 
 } // namespace
-
-class Random : public tb::Fixture {
-protected:
-	// With UCFG_SEED the runs replay (or, in make torture, vary) another
-	// seed: the model still judges every step, but the figures each fixed
-	// seed is known to reach (faults, damage, a full table) are not asked.
-	static bool fixed_seed() { return !std::getenv("UCFG_SEED"); }
-
-	model::DriverStats run(u32 idx, std::uint64_t seed)
-	{
-		const Config &c = kConfigs[idx];
-		model::DriverStats st;
-		seed = env_or("UCFG_SEED", seed);
-		const u32 steps = static_cast<u32>(env_or("UCFG_STEPS", c.cfg.steps));
-		EXPECT_EQ(run_config(c, seed, steps, &st), "");
-		return st;
-	}
-};
-
-TEST_F(Random, NoFaults)
-{
-	const model::DriverStats st = run(0, 11);
-	EXPECT_EQ(st.faults, 0u);
-	if (fixed_seed()) {
-		EXPECT_GT(model::tally().rebuilds, 0u);
-	}
-}
-
-TEST_F(Random, FaultsAndDamage)
-{
-	for (std::uint64_t seed : {12, 13, 14}) {
-		tb::reset();
-		const model::DriverStats st = run(1, seed);
-		if (!fixed_seed())
-			break;
-		EXPECT_GT(st.faults, 20u);
-		EXPECT_GT(st.rots, 20u);
-		EXPECT_GT(st.losses, 0u);
-	}
-}
-
-TEST_F(Random, FullItemTable)
-{
-	const model::DriverStats st = run(2, 13);
-	if (fixed_seed()) {
-		EXPECT_GT(st.nospace, 0u) << "the table never filled up";
-		EXPECT_GT(st.faults, 3u);
-	}
-}
-
-// Seeds that once failed, kept with what they found.
-TEST_F(Random, Regressions)
-{
-	static const struct {
-		u32 config;
-		std::uint64_t seed;
-		u32 steps;
-	} kSeeds[] = {
-		// A failed write to an item lost in both copies, whose record a
-		// later sync had dropped: the item may then clear as absent.
-		{1, 1003, 600},
-	};
-	for (const auto &r : kSeeds) {
-		tb::reset();
-		model::DriverStats st;
-		EXPECT_EQ(run_config(kConfigs[r.config], r.seed, r.steps, &st), "");
-	}
-}
-
-// The long version: random runs of every configuration, seed after seed,
-// for UCFG_TORTURE_SECONDS.
-TEST_F(Random, Torture)
-{
-	const std::uint64_t seconds = env_or("UCFG_TORTURE_SECONDS", 0);
-	if (!seconds)
-		GTEST_SKIP() << "set UCFG_TORTURE_SECONDS to run";
-	const std::uint64_t base = env_or("UCFG_SEED", 1000);
-	const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-	std::uint64_t seed = base;
-	while (std::chrono::steady_clock::now() < end) {
-		const Config &c = kConfigs[seed % 3];
-		tb::reset();
-		model::DriverStats st;
-		const std::string e = run_config(c, seed, c.cfg.steps * 3, &st);
-		ASSERT_EQ(e, "") << c.name;
-		ASSERT_EQ(tb::leaks(), std::vector<std::string>()) << "seed " << seed;
-		seed++;
-	}
-	std::printf("[ torture  ] %llu runs from seed %llu\n",
-		    static_cast<unsigned long long>(seed - base),
-		    static_cast<unsigned long long>(base));
-}

@@ -12,10 +12,6 @@
 // the store's own code only.
 #include "image_flash.h"
 
-// The low-level SHA-256 calls keep their state in the caller's descriptor
-// (EVP would allocate); they are deprecated, not gone.
-#define OPENSSL_SUPPRESS_DEPRECATED
-#include <openssl/sha.h>
 #include <pthread.h>
 
 #include <cerrno>
@@ -26,12 +22,7 @@
 #include <string>
 
 extern "C" {
-#include <crypto/hash.h>
-#include <linux/capability.h>
-#include <linux/gfp.h>
-#include <linux/cred.h>
-#include <linux/mutex.h>
-#include <linux/sched.h>
+#include "ucfg_tb/shim.h"
 }
 
 namespace {
@@ -42,8 +33,8 @@ bool g_log_echo;
 
 // The tool acts with every right of a privileged daemon of the device: the
 // access rules of the store are the device's business, not the image's.
-struct cred g_cred = { {0}, {0}, {0}, {0}, {~0ULL} };
-struct task_struct g_task = {"ucfg-image", 1, 1, nullptr, nullptr, &g_cred, &g_cred};
+struct cred g_cred = {{0}};
+struct task_struct g_task = {"ucfg-image", 1, nullptr, &g_cred, nullptr, ~0ULL};
 
 int transfer(bool write, u32 dev, u32 offset, u8 *buf, u32 len)
 {
@@ -93,35 +84,14 @@ extern "C" {
 
 void tb_printk(int level, const char *fmt, ...)
 {
+	// The kernel prints "%*pE" escaped; the tool keeps the bytes.
+	std::string f = fmt;
+	for (std::size_t p; (p = f.find("%*pE")) != std::string::npos;)
+		f.replace(p, 4, "%.*s");
 	va_list ap;
 	va_start(ap, fmt);
-	add_log(level, fmt, ap);
+	add_log(level, f.c_str(), ap);
 	va_end(ap);
-}
-
-int tb_printk_raw(const char *fmt, ...)
-{
-	int level = TB_LOG_WARNING;
-	if (fmt[0] == '\001' && fmt[1] >= '0' && fmt[1] <= '7') {
-		level = fmt[1] - '0';
-		fmt += 2;
-	}
-	va_list ap;
-	va_start(ap, fmt);
-	add_log(level, fmt, ap);
-	va_end(ap);
-	return 0;
-}
-
-void tb_violation(const char *fmt, ...)
-{
-	va_list ap;
-	va_start(ap, fmt);
-	std::fputs("ucfg-image: internal error: ", stderr);
-	std::vfprintf(stderr, fmt, ap);
-	std::fputc('\n', stderr);
-	va_end(ap);
-	std::abort();
 }
 
 struct task_struct *tb_current(void)
@@ -129,17 +99,14 @@ struct task_struct *tb_current(void)
 	return &g_task;
 }
 
-bool capable(int cap)
-{
-	return cap >= 0;
-}
+struct task_struct init_task;
 
-void *tb_alloc(size_t size, unsigned int gfp, int)
+void *tb_alloc(size_t size, gfp_t gfp)
 {
 	return (gfp & __GFP_ZERO) ? std::calloc(1, size ? size : 1) : std::malloc(size ? size : 1);
 }
 
-void tb_free(const void *ptr, int)
+void tb_free(const void *ptr)
 {
 	std::free(const_cast<void *>(ptr));
 }
@@ -148,106 +115,51 @@ void tb_free(const void *ptr, int)
 // module is valid on every board, so the id read here does not matter.
 static u32 g_regs[USER_CFG_REG_WORDS];
 
-void *tb_ioremap(uint64_t, size_t)
+void *tb_ioremap(phys_addr_t, size_t)
 {
 	return g_regs;
 }
 
-void tb_iounmap(volatile void *) {}
+void tb_iounmap(void *) {}
 
-uint32_t tb_readl(const volatile void *addr)
+u32 tb_readl(const void *addr)
 {
-	return *static_cast<const volatile u32 *>(addr);
+	return *static_cast<const u32 *>(addr);
 }
 
-void tb_writel(uint32_t value, volatile void *addr)
-{
-	*static_cast<volatile u32 *>(addr) = value;
-}
-
-// "User" memory is the tool's own memory: the item engine copies values
-// in and out of the tool's buffers with these.
-bool tb_access_ok(const void *, unsigned long)
-{
-	return true;
-}
-
-unsigned long tb_copy_from_user(void *to, const void *from, unsigned long n)
-{
-	std::memcpy(to, from, n);
-	return 0;
-}
-
-unsigned long tb_copy_to_user(void *to, const void *from, unsigned long n)
-{
-	std::memcpy(to, from, n);
-	return 0;
-}
-
-void tb_rcu_read_lock(void) {}
-void tb_rcu_read_unlock(void) {}
 void tb_msleep(unsigned int) {}
 
 void tb_mutex_init(struct mutex *lock)
 {
 	pthread_mutex_init(&lock->m, nullptr);
-	lock->locked = 0;
 }
 
 void tb_mutex_lock(struct mutex *lock)
 {
 	pthread_mutex_lock(&lock->m);
-	__atomic_store_n(&lock->locked, 1, __ATOMIC_RELAXED);
-}
-
-int tb_mutex_trylock(struct mutex *lock)
-{
-	if (pthread_mutex_trylock(&lock->m) != 0)
-		return 0;
-	__atomic_store_n(&lock->locked, 1, __ATOMIC_RELAXED);
-	return 1;
 }
 
 void tb_mutex_unlock(struct mutex *lock)
 {
-	__atomic_store_n(&lock->locked, 0, __ATOMIC_RELAXED);
 	pthread_mutex_unlock(&lock->m);
 }
 
-void tb_mutex_destroy(struct mutex *lock)
+// No files, no executable to check: the tool is not a process of a board.
+bool get_file_rcu(struct file *)
 {
-	pthread_mutex_destroy(&lock->m);
+	return true;
 }
 
-// SHA-256 of the host's libcrypto, its state inside the caller's descriptor.
-static_assert(sizeof(SHA256_CTX) <= TB_SHASH_CTX_SIZE, "descriptor too small");
-static struct crypto_shash g_sha256 = { {0x5a256}, SHA256_DIGEST_SIZE };
+void fput(struct file *) {}
 
-struct crypto_shash *crypto_alloc_shash(const char *alg_name, u32, u32)
+struct file *tb_file_open(const char *, int)
 {
-	if (std::strcmp(alg_name, "sha256") != 0)
-		return static_cast<struct crypto_shash *>(ERR_PTR(-ENOENT));
-	return &g_sha256;
+	return reinterpret_cast<struct file *>(static_cast<intptr_t>(-ENOENT));
 }
 
-void crypto_destroy_tfm(void *, struct crypto_tfm *) {}
-
-int crypto_shash_init(struct shash_desc *desc)
+ssize_t tb_file_read(struct file *, void *, size_t, loff_t *)
 {
-	SHA256_Init(reinterpret_cast<SHA256_CTX *>(desc->__ctx));
-	return 0;
-}
-
-int crypto_shash_update(struct shash_desc *desc, const u8 *data, unsigned int len)
-{
-	SHA256_Update(reinterpret_cast<SHA256_CTX *>(desc->__ctx), data, len);
-	return 0;
-}
-
-int crypto_shash_final(struct shash_desc *desc, u8 *out)
-{
-	SHA256_Final(out, reinterpret_cast<SHA256_CTX *>(desc->__ctx));
-	return 0;
+	return -EIO;
 }
 
 // The platform's control module. An image holds one device, so the device

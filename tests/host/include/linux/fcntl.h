@@ -1,8 +1,2 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Host shim: open flags (O_RDONLY, ...) come from the C library. */
-#ifndef UCFG_SHIM_LINUX_FCNTL_H
-#define UCFG_SHIM_LINUX_FCNTL_H
-
-#include <fcntl.h>
-
-#endif
+#include "ucfg_tb/shim.h"
