@@ -25,4 +25,8 @@ int devdrv_user_config_op(struct user_cfg_para *para, int cmd,
 int devdrv_config_ioctl(struct file *file, unsigned int cmd,
 			unsigned long arg);
 
+/* Room for the view of any store: every record, with the longest name. */
+#define UCFG_VIEW_SIZE	(256U * 1024U)
+int devdrv_config_view(u32 dev_id, char *buf, u32 size);
+
 #endif /* UCFG_ACCESS_H */

@@ -29,4 +29,8 @@ struct infra_user_cfg_dev {
 	u32 aicpu_num;
 };
 
+/* The read-only view of the stores in debugfs (view_node.c). */
+void dev_user_cfg_view_init(void);
+void dev_user_cfg_view_exit(void);
+
 #endif /* UCFG_DRIVER_H */

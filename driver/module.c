@@ -302,6 +302,7 @@ static int __init dev_user_cfg_module_init(void)
 	if (ret != 0)
 		UCFG_ERR("Failed to invoke the devdrv_config_set_pss_cfg. (ret=%d)\n",
 			 ret);
+	dev_user_cfg_view_init();
 	/* Pairs with the acquire in dev_user_cfg_open(). */
 	smp_store_release(&dev_user_cfg_live, true);
 	return 0;
@@ -318,6 +319,7 @@ free_dev:
 static void __exit dev_user_cfg_module_exit(void)
 {
 	WRITE_ONCE(dev_user_cfg_live, false);
+	dev_user_cfg_view_exit();
 	platform_driver_unregister(&g_user_cfg_platform_driver);
 	devdrv_config_pss_cfg_uninit();
 	if (g_infra_user_cfg_dev) {

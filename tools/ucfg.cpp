@@ -10,6 +10,7 @@
 #include "ucfg.h"
 
 #include <fcntl.h>
+#include <getopt.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -18,8 +19,11 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "uapi/user_cfg.h"
+#include "view.h"
 
 namespace ucfg {
 namespace {
@@ -305,6 +309,37 @@ int do_item(const Options &o, Bytes *value, Transport &t, std::ostream &out, std
 	return report(t.ioctl(USER_CFG_IOC_ITEM, &rec), describe(o), err);
 }
 
+// list and status: the driver's view of the device's store, parsed.
+int do_view(const Options &o, Transport &t, std::ostream &out, std::ostream &err)
+{
+	std::string path = o.view_dir + "/dev" + std::to_string(o.device), text, error;
+	if (int e = t.read_view(path, text)) {
+		err << "ucfg: cannot read " << path << ": " << std::strerror(e)
+		    << (e == ENOENT ? " (is debugfs mounted, and the driver loaded?)"
+			: e == EACCES || e == EPERM ? " (the view is for root only)" : "")
+		    << "\n";
+		return kExitNoDevice;
+	}
+	std::optional<StoreView> v = parse_view(text, error);
+	if (!v) {
+		err << "ucfg: " << path << ": " << error << "\n";
+		return kExitRefused;
+	}
+	if (o.json) {
+		nlohmann::ordered_json j = to_json(*v);
+		if (o.command == Command::kStatus && o.size)
+			j["fits"] = {{"size", o.size}, {"result", v->fits(o.size)}};
+		out << j.dump(2) << "\n";
+	} else if (o.command == Command::kList) {
+		print_list(*v, out);
+	} else {
+		print_status(*v, out);
+		if (o.size)
+			out << "a new named item of " << o.size << " bytes: " << v->fits(o.size) << "\n";
+	}
+	return kExitOk;
+}
+
 int do_boot_cfg(Transport &t, std::ostream &out, std::ostream &err)
 {
 	std::uint32_t bit = 0;
@@ -313,9 +348,9 @@ int do_boot_cfg(Transport &t, std::ostream &out, std::ostream &err)
 		return rc;
 	// The driver keeps bit 5 in place: the answer is 0 or 32.
 	if (bit == 32)
-		out << "set (32)\n";
+		out << "set: bit 5 of the boot configuration register is 1 (the driver reports 32)\n";
 	else if (bit == 0)
-		out << "clear (0)\n";
+		out << "clear: bit 5 of the boot configuration register is 0\n";
 	else
 		out << bit << " (unexpected: the driver reports 0 or 32)\n";
 	return kExitOk;
@@ -575,12 +610,16 @@ std::string usage()
 	       "  set NAME VALUE                        store an item\n"
 	       "  clear NAME                            remove a dynamic item, or return a\n"
 	       "                                        static item to its default\n"
+	       "  list [--json]                         every item with its size and health\n"
+	       "  status [--json] [--size N]            the store's health and space; with\n"
+	       "                                        --size, whether N more bytes fit\n"
 	       "  boot-cfg                              print the boot configuration bit\n"
 	       "  dts-cpu                               print the device tree's CPU numbers\n"
 	       "\n"
 	       "Static items: cpu_num_cfg (16 bytes), p2p_mem_cfg (4), ddr_ecc_enable (1),\n"
 	       "ccpu_usr_cert_hash (1024), usershadow (2048), ssh_status (1). Any other NAME\n"
-	       "(1 to 32 bytes) is a dynamic item of 1 to 32768 bytes.\n"
+	       "(1 to 32 bytes; \\xHH for a byte that is not printable, as list shows it)\n"
+	       "is a dynamic item of 1 to 32768 bytes.\n"
 	       "\n"
 	       "VALUE: hex:0a0b (bytes), 0x0a0b (bytes; a number for p2p_mem_cfg),\n"
 	       "text:STRING, @FILE (the file's bytes), or a human form: on/off for\n"
@@ -588,18 +627,21 @@ std::string usage()
 	       "a number for p2p_mem_cfg.\n"
 	       "\n"
 	       "Options:\n"
-	       "  -d, --device N        device number (default 0)\n"
+	       "  -d, --device N          device number (default 0)\n"
 	       "      --device-node PATH  device node (default /dev/user_config)\n"
-	       "      --raw             get: print the value as one hex string\n"
-	       "      --text            get: print a dynamic item as text when printable\n"
-	       "  -o, --output FILE     get: write the value's bytes to FILE\n"
-	       "  -h, --help            print this help\n"
-	       "      --version         print the version\n"
+	       "      --view-dir DIR      list, status: the view files (default\n"
+	       "                          /sys/kernel/debug/user_config; root only)\n"
+	       "      --raw               get: print the value as one hex string\n"
+	       "      --text              get: print a dynamic item as text when printable\n"
+	       "  -o, --output FILE       get: write the value's bytes to FILE\n"
+	       "      --json              list, status: machine-readable output\n"
+	       "  -h, --help              print this help and exit\n"
+	       "      --version           print the version and exit\n"
 	       "\n"
 	       "Exit status:\n"
 	       "  0  success\n"
 	       "  1  usage error\n"
-	       "  2  the device node cannot be opened\n"
+	       "  2  the device node (or the view) cannot be opened\n"
 	       "  3  the driver refused or failed the request\n"
 	       "  4  the item is not set (ENOENT)\n"
 	       "  5  bad value, or a value file could not be read or written\n";
@@ -607,91 +649,91 @@ std::string usage()
 
 std::optional<Options> parse_args(const std::vector<std::string> &args, std::string &error)
 {
+	enum { kNode = 256, kRaw, kText, kJson, kSize, kViewDir, kVersionOpt };
+	static const struct option longs[] = {
+		{"device", required_argument, nullptr, 'd'},
+		{"device-node", required_argument, nullptr, kNode},
+		{"output", required_argument, nullptr, 'o'},
+		{"raw", no_argument, nullptr, kRaw},
+		{"text", no_argument, nullptr, kText},
+		{"json", no_argument, nullptr, kJson},
+		{"size", required_argument, nullptr, kSize},
+		{"view-dir", required_argument, nullptr, kViewDir},
+		{"help", no_argument, nullptr, 'h'},
+		{"version", no_argument, nullptr, kVersionOpt},
+		{nullptr, 0, nullptr, 0},
+	};
 	Options o;
-	std::vector<std::string> positional;
-	bool help = false, version = false, device_given = false, options_done = false;
-
-	for (std::size_t i = 0; i < args.size(); i++) {
-		std::string arg = args[i];
-		if (options_done || arg.size() < 2 || arg[0] != '-') {
-			positional.push_back(arg);
-			continue;
-		}
-		if (arg == "--") {
-			options_done = true;
-			continue;
-		}
-		// --opt=value is the same as --opt value.
-		std::optional<std::string> inline_value;
-		if (starts_with(arg, "--")) {
-			std::size_t eq = arg.find('=');
-			if (eq != std::string::npos) {
-				inline_value = arg.substr(eq + 1);
-				arg.erase(eq);
-			}
-		}
-		auto take_value = [&]() -> std::optional<std::string> {
-			if (inline_value)
-				return inline_value;
-			if (i + 1 < args.size())
-				return args[++i];
-			error = arg + " needs a value";
-			return std::nullopt;
-		};
-		bool flag = arg == "-h" || arg == "--help" || arg == "--version" ||
-			    arg == "--raw" || arg == "--text";
-		if (flag && inline_value) {
-			error = arg + " takes no value";
-			return std::nullopt;
-		}
-		if (arg == "-h" || arg == "--help") {
-			help = true;
-		} else if (arg == "--version") {
-			version = true;
-		} else if (arg == "--raw") {
-			o.raw = true;
-		} else if (arg == "--text") {
-			o.text = true;
-		} else if (arg == "-d" || arg == "--device") {
-			auto v = take_value();
-			if (!v)
-				return std::nullopt;
-			auto n = parse_number(*v, 0xffffffffu);
+	std::vector<std::string> argv_s{"ucfg"};
+	argv_s.insert(argv_s.end(), args.begin(), args.end());
+	std::vector<char *> argv;
+	for (std::string &a : argv_s)
+		argv.push_back(a.data());
+	argv.push_back(nullptr);
+	bool help = false, version = false, device_given = false;
+	optind = 0;	// a fresh scan, also for a second call
+	opterr = 0;
+	for (int c; (c = getopt_long(static_cast<int>(argv_s.size()), argv.data(), ":d:o:h",
+				     longs, nullptr)) != -1;) {
+		std::string arg = optarg ? optarg : "";
+		std::optional<std::uint64_t> n;
+		switch (c) {
+		case 'd':
+			n = parse_number(arg, 0xffffffffu);
 			if (!n) {
-				error = "device number '" + *v + "' is not a number";
+				error = "device number '" + arg + "' is not a number";
 				return std::nullopt;
 			}
 			o.device = static_cast<std::uint32_t>(*n);
 			device_given = true;
-		} else if (arg == "--device-node") {
-			auto v = take_value();
-			if (!v)
-				return std::nullopt;
-			if (v->empty()) {
-				error = "--device-node needs a path";
-				return std::nullopt;
-			}
-			o.node = *v;
-		} else if (arg == "-o" || arg == "--output") {
-			auto v = take_value();
-			if (!v)
-				return std::nullopt;
-			if (v->empty()) {
-				error = arg + " needs a file name";
+			break;
+		case kSize:
+			n = parse_number(arg, kDynamicMax);
+			if (!n) {
+				error = "--size takes a length of 0 to 32768 bytes";
 				return std::nullopt;
 			}
-			o.out_file = *v;
-		} else {
-			error = "unknown option " + arg;
+			o.size = static_cast<std::uint32_t>(*n);
+			break;
+		case kNode:
+		case kViewDir:
+		case 'o':
+			if (arg.empty()) {
+				error = std::string(argv[optind - 1]) + " needs a value";
+				return std::nullopt;
+			}
+			(c == kNode ? o.node : c == kViewDir ? o.view_dir : o.out_file) = arg;
+			break;
+		case kRaw:
+			o.raw = true;
+			break;
+		case kText:
+			o.text = true;
+			break;
+		case kJson:
+			o.json = true;
+			break;
+		case 'h':
+			help = true;
+			break;
+		case kVersionOpt:
+			version = true;
+			break;
+		case ':':
+			error = std::string(argv[optind - 1]) + " needs a value";
+			return std::nullopt;
+		default:
+			error = "unknown option " + std::string(argv[optind - 1]);
 			return std::nullopt;
 		}
 	}
-
 	if (help || version) {
 		o.command = help ? Command::kHelp : Command::kVersion;
 		return o;
 	}
-	if (positional.empty()) {
+	// getopt_long has moved the operands behind the options.
+	std::vector<std::string> pos(argv.begin() + optind, argv.end() - 1);
+	if (pos.empty()) {
 		error = "no command given";
 		return std::nullopt;
 	}
@@ -701,37 +743,41 @@ std::optional<Options> parse_args(const std::vector<std::string> &args, std::str
 		std::size_t args;
 	};
 	static const Verb verbs[] = {
-	    {"get", Command::kGet, 1},        {"set", Command::kSet, 2},
-	    {"clear", Command::kClear, 1},    {"boot-cfg", Command::kBootCfg, 0},
-	    {"dts-cpu", Command::kDtsCpu, 0}, {"help", Command::kHelp, 0},
+		{"get", Command::kGet, 1},        {"set", Command::kSet, 2},
+		{"clear", Command::kClear, 1},    {"list", Command::kList, 0},
+		{"status", Command::kStatus, 0},  {"boot-cfg", Command::kBootCfg, 0},
+		{"dts-cpu", Command::kDtsCpu, 0}, {"help", Command::kHelp, 0},
 	};
 	const Verb *verb = nullptr;
 	for (const Verb &v : verbs)
-		if (positional[0] == v.word)
+		if (pos[0] == v.word)
 			verb = &v;
 	if (!verb) {
-		error = "unknown command '" + positional[0] + "'";
+		error = "unknown command '" + pos[0] + "'";
 		return std::nullopt;
 	}
 	o.command = verb->command;
-	if (positional.size() - 1 != verb->args) {
+	if (pos.size() - 1 != verb->args) {
 		error = std::string(verb->word) + " takes " +
 			(verb->args == 0   ? "no arguments"
 			 : verb->args == 1 ? "one argument, NAME"
 					   : "two arguments, NAME and VALUE");
 		return std::nullopt;
 	}
-	bool item_command = verb->args > 0;
-	if (item_command) {
-		o.name = positional[1];
-		if (o.name.empty() || o.name.size() > kNameMax) {
-			error = "an item name is 1 to " + std::to_string(kNameMax) + " bytes long";
+	if (verb->args > 0) {
+		std::optional<std::string> name = unescape_name(pos[1]);
+		if (!name || name->empty() || name->size() > kNameMax) {
+			error = "an item name is 1 to " + std::to_string(kNameMax) +
+				" bytes (\\xHH for one byte)";
 			return std::nullopt;
 		}
+		o.name = *name;
 	}
 	if (verb->args == 2)
-		o.value = positional[2];
-	if (!item_command && device_given) {
+		o.value = pos[2];
+	bool per_device = verb->args > 0 || o.command == Command::kList ||
+			  o.command == Command::kStatus;
+	if (!per_device && device_given) {
 		error = std::string(verb->word) + " is not per device: drop -d";
 		return std::nullopt;
 	}
@@ -745,6 +791,14 @@ std::optional<Options> parse_args(const std::vector<std::string> &args, std::str
 	}
 	if (o.text && find_static_item(o.name)) {
 		error = "--text applies to dynamic items; " + o.name + " is a static item";
+		return std::nullopt;
+	}
+	if (o.json && o.command != Command::kList && o.command != Command::kStatus) {
+		error = "--json applies to list and status";
+		return std::nullopt;
+	}
+	if (o.size && o.command != Command::kStatus) {
+		error = "--size applies to status";
 		return std::nullopt;
 	}
 	return o;
@@ -763,6 +817,17 @@ int DeviceTransport::open(const std::string &node)
 	// The commands only read through ioctl; the node needs no write access.
 	fd_ = ::open(node.c_str(), O_RDONLY | O_CLOEXEC);
 	return fd_ < 0 ? errno : 0;
+}
+
+int DeviceTransport::read_view(const std::string &path, std::string &text)
+{
+	std::ifstream f(path, std::ios::binary);
+	if (!f)
+		return errno ? errno : EIO;
+	std::ostringstream o;
+	o << f.rdbuf();
+	text = o.str();
+	return 0;
 }
 
 IoctlResult DeviceTransport::ioctl(unsigned long request, void *arg)
@@ -790,6 +855,8 @@ int run(const std::vector<std::string> &args, Transport &transport, std::ostream
 		out << "ucfg " << kVersion << "\n";
 		return kExitOk;
 	}
+	if (o->command == Command::kList || o->command == Command::kStatus)
+		return do_view(*o, transport, out, err);
 
 	// The value is settled before the node is touched: a bad value is the
 	// same mistake whether or not the driver is there.

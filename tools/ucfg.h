@@ -21,7 +21,11 @@ namespace ucfg {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline constexpr const char *kVersion = "1.0";
+#ifndef UCFG_VERSION
+#define UCFG_VERSION "unknown"
+#endif
+// The version of the file VERSION, as the module's and the packages'.
+inline constexpr const char *kVersion = UCFG_VERSION;
 inline constexpr const char *kDefaultNode = "/dev/user_config";
 // Room offered for a dynamic item, and the longest value the driver stores.
 inline constexpr std::size_t kDynamicMax = 32768;
@@ -95,7 +99,7 @@ int exit_code_for_errno(int err);
 
 // --- Command line ----------------------------------------------------------
 
-enum class Command { kGet, kSet, kClear, kBootCfg, kDtsCpu, kHelp, kVersion };
+enum class Command { kGet, kSet, kClear, kList, kStatus, kBootCfg, kDtsCpu, kHelp, kVersion };
 
 struct Options {
 	Command command = Command::kHelp;
@@ -106,6 +110,9 @@ struct Options {
 	std::string out_file; // empty: stdout
 	std::string name;
 	std::string value;
+	bool json = false;
+	std::uint32_t size = 0; // status --size
+	std::string view_dir = "/sys/kernel/debug/user_config";
 };
 
 std::optional<Options> parse_args(const std::vector<std::string> &args, std::string &error);
@@ -124,6 +131,8 @@ public:
 	// 0, or the errno of the failed open.
 	virtual int open(const std::string &node) = 0;
 	virtual IoctlResult ioctl(unsigned long request, void *arg) = 0;
+	// The text of a view file, or the errno of the failed read.
+	virtual int read_view(const std::string &path, std::string &text) = 0;
 };
 
 // The real device node.
@@ -135,6 +144,7 @@ public:
 	~DeviceTransport() override;
 	int open(const std::string &node) override;
 	IoctlResult ioctl(unsigned long request, void *arg) override;
+	int read_view(const std::string &path, std::string &text) override;
 
 private:
 	int fd_ = -1;

@@ -11,17 +11,18 @@ extern "C" {
 #include "drv_user_cfg.h"
 #include "uapi/user_cfg.h"
 int devdrv_config_ioctl(struct file *file, unsigned int cmd, unsigned long arg);
+int devdrv_config_view(u32 dev_id, char *buf, u32 size);
 }
 
 namespace ucfg {
 
 const Static kStatic[6] = {
-	{"cpu_num_cfg", 16, {3, 5, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
-	{"p2p_mem_cfg", 4, {4, 0, 0, 0}},
-	{"ddr_ecc_enable", 1, {1}},
-	{"ccpu_usr_cert_hash", 1024, Bytes(1024, 0)},
-	{"usershadow", 2048, Bytes(2048, 0)},
-	{"ssh_status", 1, {0}},
+	{"cpu_num_cfg", 16, {3, 5, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 0},
+	{"p2p_mem_cfg", 4, {4, 0, 0, 0}, 17},
+	{"ddr_ecc_enable", 1, {1}, 22},
+	{"ccpu_usr_cert_hash", 1024, Bytes(1024, 0), 24},
+	{"usershadow", 2048, Bytes(2048, 0), 1049},
+	{"ssh_status", 1, {0}, 3098},
 };
 
 const Static *find_static(const std::string &name)
@@ -48,6 +49,14 @@ const Head *head(u32 dev)
 			return h;
 	}
 	return nullptr;
+}
+
+std::string view_text(u32 dev)
+{
+	std::string text(256 * 1024, '\0');
+	int n = devdrv_config_view(dev, text.data(), static_cast<u32>(text.size()));
+	text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+	return text;
 }
 
 Bytes pattern(u32 n, u32 seed)

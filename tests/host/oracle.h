@@ -24,6 +24,7 @@ struct Static {
 	const char *name;
 	u32 len;
 	Bytes dflt;
+	u32 offset;	// of its record in the static area
 };
 constexpr u32 kDts[3] = {3, 5, 9};
 const Static *find_static(const std::string &name);
@@ -65,6 +66,9 @@ int set(u32 dev, const std::string &name, const Bytes &v, Via via = Via::Ioctl);
 int clear(u32 dev, const std::string &name, Via via = Via::Ioctl);
 // A request through the ioctl entry with every field chosen by the caller.
 int ioctl(u32 dev, u32 cmd, const std::string &name, u8 *buf, u32 *size);
+
+// The module's view of the device's store (its debugfs text).
+std::string view_text(u32 dev);
 
 Bytes pattern(u32 n, u32 seed);
 std::string show(const Res &r);

@@ -30,9 +30,10 @@ step() {
 	fi
 }
 
+# build DIR SANITIZER [TARGET...]
 build() {
 	CC=clang CXX=clang++ cmake -S "$ROOT/tests/host" -B "$OUT/$1" -DUCFG_SANITIZER="$2" &&
-		cmake --build "$OUT/$1" -j"$JOBS"
+		cmake --build "$OUT/$1" -j"$JOBS" ${3:+--target "${@:3}"}
 }
 
 # tests DIR STEPS [CTEST ARGS]: STEPS is the length of the campaign's runs.
@@ -51,8 +52,8 @@ fuzz() {
 step asan-build build host-asan address
 step asan-tests tests host-asan 60
 step fuzz fuzz
-step o2-build build host-o2 none
+step o2-build build host-o2 none ucfg_tests
 step o2-campaign tests host-o2 300 -R Seeds
-step tsan-build build host-tsan thread
+step tsan-build build host-tsan thread ucfg_tsan
 step tsan-tests tests host-tsan 0 -R Concurrency
 exit $failed

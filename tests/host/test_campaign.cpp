@@ -20,6 +20,7 @@
 // UCFG_SEED, UCFG_SECONDS and UCFG_ALL_KINDS run Campaign.Torture: seeds
 // from UCFG_SEED on until the time is up, every fault kind at every point.
 #include "oracle.h"
+#include "view.h"
 
 #include <gtest/gtest.h>
 
@@ -87,6 +88,7 @@ struct Op {
 struct Stats {
 	std::uint64_t ops = 0, checks = 0, rebuilds = 0, ghosts = 0, lost_reads = 0;
 	std::uint64_t aliasing = 0;	// compactions packing an item on another's place
+	std::uint64_t views = 0;	// views of a store checked
 	std::map<std::string, std::uint64_t> faults;
 	std::uint64_t total() const
 	{
@@ -142,6 +144,7 @@ private:
 	std::string branch(const Op &op, const Model &after, fl::Fault f, u32 nth, u32 alloc);
 	std::string damage_branch(bool both);
 	std::string step(u32 i);
+	std::string view_check(u32 dev, const Model *m);
 	bool room(u32 dev, const std::string &name, u32 n, bool &sure);
 };
 
@@ -412,6 +415,97 @@ std::string Campaign::branch(const Op &op, const Model &after, fl::Fault f, u32 
 	return "";
 }
 
+// What a head copy is, from its bytes.
+std::string head_state(const u8 *b)
+{
+	const auto *h = reinterpret_cast<const Head *>(b);
+	if (h->valid_flag == 0x8a7b6c5d)
+		return sha256(b, 65500) == Bytes(h->check, h->check + 32) ? "valid" : "bad-check";
+	return std::all_of(b, b + 65536, [](u8 c) { return c == 0xff; }) ? "erased" : "no-marker";
+}
+
+// The module's view of dev against the flash (heads, every record and the
+// health of both copies of its slot, the space) and, when m is given,
+// against the model: every named item with its length and every static
+// item set or not. Looking must not write, and reads each head once and
+// each copy of each content block that holds an item once, in order.
+std::string Campaign::view_check(u32 dev, const Model *m)
+{
+	Bytes before(fl::at(dev, 0), fl::at(dev, 0) + fl::kArea);
+	fl::clear_trace();
+	std::string error, text = view_text(dev);
+	std::optional<ucfg::StoreView> v = ucfg::parse_view(text, error);
+	if (!v)
+		return "view of device " + std::to_string(dev) + ": " + error + "\n" + text;
+	std::string want_trace = "R0 R32";
+	auto fail = [&](const std::string &what) { return "view: " + what + "\n" + text; };
+	if (v->head_main != head_state(fl::at(dev, 0)) || v->head_backup != head_state(fl::at(dev, 32)))
+		return fail("head states");
+	const Head *h = head(dev);
+	for (const auto &st : v->statics) {
+		const Static *s = find_static(st.name);
+		if (!s || st.size != s->len || st.set != (h && h->statics[s->offset] == 1))
+			return fail("static " + st.name);
+		if (m && st.set != m->at({dev, st.name}).has_value())
+			return fail("static " + st.name + " set or not");
+	}
+	std::vector<std::string> want_items;
+	std::map<std::string, u32> sizes;
+	for (u32 b = 2; h && b < 32; b++) {
+		bool read = false;
+		for (u32 i = 0; i < h->head_len / 52; i++) {
+			const Record &r = h->rec[i];
+			if (r.valid != 1 || r.blk != b || r.bytes > 32768 ||
+			    r.offset + r.bytes + 32 > 65535 || r.authority > 2)
+				continue;
+			read = true;
+			auto ok = [&](u32 blk) {
+				const u8 *slot = fl::at(dev, blk) + r.offset;
+				return sha256(slot, r.bytes) == Bytes(slot + r.bytes, slot + r.bytes + 32);
+			};
+			std::string name = canon(std::string(r.name, 32));
+			want_items.push_back(std::to_string(i) + (ok(b) ? " ok" : " bad") +
+					     (ok(b + 32) ? " ok " : " bad ") + std::to_string(r.bytes) +
+					     " " + std::to_string(b) + " " + std::to_string(r.offset) + " " +
+					     name);
+			sizes[name] = r.bytes;
+		}
+		if (read)
+			want_trace += " R" + std::to_string(b) + " R" + std::to_string(b + 32);
+	}
+	std::sort(want_items.begin(), want_items.end());
+	std::vector<std::string> got;
+	for (const auto &it : v->items)
+		got.push_back(std::to_string(it.index) + (it.main_ok ? " ok" : " bad") +
+			      (it.backup_ok ? " ok " : " bad ") + std::to_string(it.size) + " " +
+			      std::to_string(it.block) + " " + std::to_string(it.offset) + " " +
+			      it.name);
+	std::sort(got.begin(), got.end());
+	if (got != want_items)
+		return fail("items and their copies");
+	if (h && (v->records != h->head_len / 52 || v->records_in_use != v->items.size()))
+		return fail("record table");
+	// A block in use takes n bytes while n + 32 < 65536 - used; a free one
+	// any item. New records stop past head_len 57,123.
+	std::int64_t largest = -1;
+	for (u32 b = 2; h && b < 32; b++)
+		largest = std::max<std::int64_t>(largest, h->usage[b].used != 1 ? 32768 :
+						 std::min(32768, 65503 - h->usage[b].bytes));
+	u32 room = h && h->head_len <= 57123 ? 1099 - v->records_in_use : 0;
+	if (h && (v->largest != largest || v->room != room))
+		return fail("space: largest " + std::to_string(largest) + ", room " +
+			    std::to_string(room));
+	for (const Key &k : m ? m->names : std::set<Key>())
+		if (k.first == dev && m->at(k).has_value() != (sizes.count(k.second) != 0))
+			return fail("named item " + k.second);
+	if (fl::trace_str(dev) != want_trace || !fl::trace_str(1 - dev).empty())
+		return fail("transfers " + fl::trace_str(dev) + ", expected " + want_trace);
+	if (std::memcmp(before.data(), fl::at(dev, 0), fl::kArea) != 0)
+		return fail("the flash changed");
+	stats.views++;
+	return "";
+}
+
 // Damage at rest in one copy of a block (or, counted apart, in both copies
 // of one item's slot), then every item must read right, before and after
 // another operation.
@@ -440,6 +534,9 @@ std::string Campaign::damage_branch(bool both)
 			fl::at(dev, blk)[at + i] ^= static_cast<u8>(1 + pick(255));
 		stats.faults["damage-at-rest"]++;
 	}
+	// Looking at the store shows the damage and repairs nothing.
+	if (std::string p = view_check(dev, nullptr); !p.empty())
+		return "damaged on device " + std::to_string(dev) + ": " + p;
 	// The reads that find the damage repair it; now and then one of their
 	// transfers fails as well, and only a second pass must be clean.
 	std::string p;
@@ -533,6 +630,8 @@ std::string Campaign::step(u32 i)
 	why = apply(m_, op, changed);
 	if (why.empty() && !tb::problems().empty())
 		why = tb::problems();
+	if (why.empty() && chance(0.1))
+		why = view_check(op.dev, &m_);
 	return why.empty() ? "" : "step " + std::to_string(i) + ": " + why;
 }
 
@@ -566,6 +665,8 @@ std::string Campaign::run()
 	for (u32 i = 0; cfg_.seconds > 0 ? Clock::now() < end : i < cfg_.steps; i++)
 		if (std::string p = step(i); !p.empty())
 			return p;
+	if (std::string p = view_check(0, &m_); !p.empty())
+		return p;
 	return check(m_, nullptr, {}, nullptr);
 }
 
@@ -584,6 +685,7 @@ std::string figures(const Stats &s)
 		row("- " + f.first, f.second);
 	row("reads of items damaged in both copies (must fail)", s.lost_reads);
 	row("interrupted named clears read as 0xff bytes", s.ghosts);
+	row("views of a store checked against the flash and the model", s.views);
 	return t;
 }
 

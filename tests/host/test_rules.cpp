@@ -6,6 +6,7 @@
 // their text form, the CPU partition files, and who may do what through
 // which entry with which arguments.
 #include "oracle.h"
+#include "view.h"
 
 #include <gtest/gtest.h>
 
@@ -242,6 +243,47 @@ TEST(Format, RecordsSlotsAndStaticValues)
 	EXPECT_EQ(Bytes(c, c + 100), pattern(100, 1));
 	EXPECT_EQ(Bytes(c + 100, c + 132), sha256(c, 100));
 	EXPECT_EQ(std::memcmp(c, fl::at(0, 34), 171), 0);
+}
+
+// A table of 1,099 records is full: the view says so, a new name is
+// refused, and a clear makes room for exactly one.
+TEST(Format, FullTable)
+{
+	daemon();
+	// Laid out on flash as the format describes it: 1,099 one-byte items
+	// in block 2, both copies.
+	Head h{};
+	h.format = 1;
+	h.head_len = 1099 * 52;
+	for (u32 i = 0; i < 1099; i++) {
+		h.rec[i] = {{}, 2, 33 * i, 1, 0, 1};
+		std::snprintf(h.rec[i].name, 32, "i%u", i);
+		u8 *slot = fl::at(0, 2) + 33 * i;
+		slot[0] = 1;
+		Bytes code = sha256(slot, 1);
+		std::memcpy(slot + 1, code.data(), 32);
+	}
+	for (u8 b = 0; b < 32; b++)
+		h.usage[b] = {b, u8(b < 3), std::uint16_t(b < 2 ? 0xffff : b == 2 ? 1099 * 33 : 0)};
+	h.valid_flag = 0x8a7b6c5d;
+	Bytes code = sha256(reinterpret_cast<u8 *>(&h), 65500);
+	std::memcpy(h.check, code.data(), 32);
+	for (u32 b : {0u, 32u})
+		std::memcpy(fl::at(0, b), &h, 65536);
+	std::memcpy(fl::at(0, 34), fl::at(0, 2), 65536);
+	std::string error;
+	auto v = parse_view(view_text(0), error);
+	ASSERT_TRUE(v) << error;
+	EXPECT_EQ(v->records, 1099u);
+	EXPECT_EQ(v->items.size(), 1099u);
+	EXPECT_EQ(v->room, 0u);
+	EXPECT_EQ(v->fits(1), "no room in the record table");
+	EXPECT_EQ(set(0, "one more", {1}), -ENOSPC);
+	ASSERT_EQ(clear(0, "i7"), 0);
+	EXPECT_EQ(parse_view(view_text(0), error)->room, 1u);
+	EXPECT_EQ(set(0, "one more", {1}), 0);
+	EXPECT_EQ(set(0, "two more", {1}), -ENOSPC);
+	EXPECT_EQ(get(0, "i1098", 1), (Res{0, {1}}));
 }
 
 // --- Messages -------------------------------------------------------------------

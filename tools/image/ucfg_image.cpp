@@ -15,8 +15,10 @@
 
 #include "image_flash.h"
 #include "ucfg.h"
+#include "view.h"
 
 #include <fcntl.h>
+#include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +42,12 @@ namespace ucfg_image {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+using ucfg::StoreView;
+using ucfg::escape_name;
+using ucfg::parse_view;
+using ucfg::print_list;
+using ucfg::print_status;
+using ucfg::to_json;
 
 enum class Layout { kDetect, kArea, kFlash };
 
@@ -68,11 +76,6 @@ struct Part {
 	std::uint64_t begin = 0; // in the file
 	std::uint64_t size = 0;
 };
-
-const char *layout_name(Layout l)
-{
-	return l == Layout::kArea ? "area" : "flash";
-}
 
 std::optional<Part> choose_part(std::uint64_t file_size, const Options &o, std::string &error)
 {
@@ -244,365 +247,28 @@ bool save_file(const std::string &path, const Bytes &data, bool keep_mode, std::
 
 // --- What the image holds ---------------------------------------------------
 
-enum class Slot { kOk, kBad, kUnchecked };
-
-const char *slot_name(Slot s)
+// The module's own view of the device in the image: the same text a board
+// shows in debugfs, so the image and the board are read alike.
+StoreView view_of_image()
 {
-	return s == Slot::kOk ? "ok" : s == Slot::kBad ? "bad" : "unchecked";
+	std::string text(UCFG_VIEW_SIZE, '\0'), error;
+	int n = devdrv_config_view(0, text.data(), UCFG_VIEW_SIZE);
+	text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+	std::optional<StoreView> v = parse_view(text, error);
+	if (!v) {
+		v = StoreView();
+		v->head_main = v->head_backup = "unreadable";
+	}
+	return *v;
 }
 
-struct HeadCopy {
-	std::uint32_t block = 0;
-	bool readable = false;
-	bool erased = false;
-	bool marker = false;
-	bool check_code = false; // meaningful when marker is set
-	bool valid = false;
-};
-
-struct StaticEntry {
-	const char *name;
-	bool stored = false;
-	bool have_value = false; // stored, or a default exists offline
-	Bytes value;
-};
-
-struct DynamicEntry {
-	std::uint32_t index = 0;
-	std::string name;
-	std::uint32_t block = 0, offset = 0, size = 0;
-	std::string record_error; // empty when the record is usable
-	Slot main = Slot::kUnchecked, backup = Slot::kUnchecked;
-};
-
-struct UsageEntry {
-	std::uint32_t block = 0;
-	std::uint32_t blk_id = 0, use = 0, used = 0, live = 0;
-};
-
-struct Report {
-	HeadCopy heads[2];
-	std::uint32_t blk_state = UCFG_BLK_STATE_NONE;
-	int head_used = -1; // block the device reads the items from
-	bool heads_equal = false;
-	bool blank = false;
-	std::uint32_t head_len = 0;
-	std::string head_len_error;
-	std::vector<StaticEntry> statics;
-	std::vector<DynamicEntry> dynamics;
-	std::vector<UsageEntry> usage;
-	std::uint64_t free_bytes = 0, dead_bytes = 0;
-	std::vector<std::string> problems;
-	bool intact() const { return !blank && problems.empty(); }
-};
-
-std::string record_name(const char *raw)
-{
-	return std::string(raw, strnlen(raw, UCFG_ITEM_NAME_LEN));
-}
-
-bool block_erased(const Bytes &b)
-{
-	for (std::uint8_t c : b)
-		if (c != 0xff)
-			return false;
-	return true;
-}
-
-bool slot_intact(const Bytes &blk, const struct user_cfg_item_head &rec)
-{
-	u8 code[UCFG_SHA256_LEN];
-	const u8 *slot = blk.data() + rec.item_offset;
-
-	if (devdrv_calculate_block_sha256(slot, rec.item_bytes, code) != 0)
-		return false;
-	return std::memcmp(code, slot + rec.item_bytes, UCFG_SHA256_LEN) == 0;
-}
-
-// Reads and judges everything through the store's own functions. Nothing
-// is written: the caller's window records no change.
-Report analyse()
-{
-	Report r;
-	Bytes copies[2] = {Bytes(UCFG_BLK_SIZE), Bytes(UCFG_BLK_SIZE)};
-	const std::uint32_t blocks[2] = {UCFG_HEAD_MAIN_BLK, UCFG_HEAD_BK_BLK};
-
-	for (int i = 0; i < 2; i++) {
-		HeadCopy &h = r.heads[i];
-		u32 valid = 0;
-		h.block = blocks[i];
-		h.readable = devdrv_config_check_blk_validity(0, blocks[i], copies[i].data(),
-							      &valid) == 0;
-		if (!h.readable) {
-			r.problems.push_back("head block " + std::to_string(h.block) +
-					     " cannot be read");
-			continue;
-		}
-		h.valid = valid == 1;
-		h.erased = block_erased(copies[i]);
-		h.marker = ucfg_head(copies[i].data())->valid_flag == UCFG_VALID_FLAG;
-		h.check_code = h.valid;
-	}
-	r.blk_state = (r.heads[0].valid ? UCFG_BLK_STATE_MAIN : 0) |
-		      (r.heads[1].valid ? UCFG_BLK_STATE_BACKUP : 0);
-	r.heads_equal = copies[0] == copies[1];
-	r.blank = r.heads[0].erased && r.heads[1].erased;
-	if (r.blank)
-		r.problems.clear();
-	for (const HeadCopy &h : r.heads)
-		if (!r.blank && h.readable && !h.valid)
-			r.problems.push_back("head block " + std::to_string(h.block) +
-					     (h.marker ? ": check code does not match"
-						       : ": no valid marker"));
-	if (r.heads[0].valid && r.heads[1].valid && !r.heads_equal)
-		r.problems.push_back("head blocks 0 and 32 are both valid but differ");
-
-	// The device reads from the main head when it is valid, else from
-	// the backup head.
-	const u8 *head = nullptr;
-	if (r.heads[0].valid) {
-		r.head_used = 0;
-		head = copies[0].data();
-	} else if (r.heads[1].valid) {
-		r.head_used = 32;
-		head = copies[1].data();
-	}
-
-	for (int i = 0; i < USER_CFG_ITEM_NUM; i++) {
-		const struct user_cfg_item_desc *row = &user_cfg_version_1[i];
-		StaticEntry e;
-		e.name = row->name;
-		if (head) {
-			const u8 *rec = ucfg_head((u8 *)head)->static_area + row->offset;
-			e.stored = rec[0] == 1;
-			if (e.stored)
-				e.value.assign(rec + 1, rec + row->size);
-		}
-		if (!e.stored) {
-			Bytes buf(row->size + 64);
-			u32 len = (u32)buf.size();
-			if (devdrv_config_get_default(row, buf.data(), &len) == 0 &&
-			    len <= buf.size()) {
-				buf.resize(len);
-				e.value = buf;
-			}
-		}
-		e.have_value = e.stored || !e.value.empty();
-		r.statics.push_back(e);
-	}
-	if (!head)
-		return r;
-
-	const struct user_cfg_head_blk *hb = ucfg_head((u8 *)head);
-	r.head_len = hb->head_len;
-	std::uint32_t count = r.head_len / UCFG_ITEM_HEAD_SIZE;
-	if (r.head_len % UCFG_ITEM_HEAD_SIZE != 0 || count > UCFG_ITEM_HEAD_MAX) {
-		r.head_len_error = "head_len " + std::to_string(r.head_len) +
-				   " is not a whole number of records within the table";
-		r.problems.push_back(r.head_len_error);
-		count = std::min<std::uint32_t>(count, UCFG_ITEM_HEAD_MAX);
-	}
-
-	std::map<std::uint32_t, Bytes> blocks_read;
-	auto block = [&](std::uint32_t b) -> const Bytes * {
-		auto it = blocks_read.find(b);
-		if (it == blocks_read.end()) {
-			Bytes img(UCFG_BLK_SIZE);
-			if (devdrv_config_read_block(0, b, img.data()) != 0)
-				return nullptr;
-			it = blocks_read.emplace(b, std::move(img)).first;
-		}
-		return &it->second;
-	};
-
-	std::uint64_t live[UCFG_MAIN_BLK_NUM] = {};
-	for (std::uint32_t i = 0; i < count; i++) {
-		const struct user_cfg_item_head &rec = hb->item_head[i];
-		DynamicEntry d;
-		d.index = i;
-		d.name = record_name(rec.name);
-		d.block = rec.blk_offset;
-		d.offset = rec.item_offset;
-		d.size = rec.item_bytes;
-		if (devdrv_user_cfg_head_check(&rec) != 0)
-			d.record_error = "record out of bounds or not in use";
-		else if (rec.blk_offset < UCFG_CONTENT_FIRST_BLK)
-			d.record_error = "record points into a head block";
-		if (d.record_error.empty()) {
-			const Bytes *m = block(rec.blk_offset);
-			const Bytes *b = block(rec.blk_offset + UCFG_MAIN_BLK_NUM);
-			d.main = m && slot_intact(*m, rec) ? Slot::kOk : Slot::kBad;
-			d.backup = b && slot_intact(*b, rec) ? Slot::kOk : Slot::kBad;
-			live[rec.blk_offset] += rec.item_bytes + UCFG_SHA256_LEN;
-			if (d.main != Slot::kOk)
-				r.problems.push_back("item " + d.name + ": main copy damaged");
-			if (d.backup != Slot::kOk)
-				r.problems.push_back("item " + d.name + ": backup copy damaged");
-		} else {
-			r.problems.push_back("record " + std::to_string(i) + ": " +
-					     d.record_error);
-		}
-		r.dynamics.push_back(d);
-	}
-
-	for (std::uint32_t b = UCFG_CONTENT_FIRST_BLK; b <= UCFG_CONTENT_LAST_BLK; b++) {
-		const struct user_cfg_blk_usage &u = hb->usage[b];
-		UsageEntry e;
-		e.block = b;
-		e.blk_id = u.blk_id;
-		e.use = u.use_flg;
-		e.used = u.used_bytes;
-		e.live = (std::uint32_t)live[b];
-		if (e.used <= UCFG_SLOT_END_MAX)
-			r.free_bytes += UCFG_SLOT_END_MAX - e.used;
-		if (e.used >= e.live)
-			r.dead_bytes += e.used - e.live;
-		else
-			r.problems.push_back("block " + std::to_string(b) + ": " +
-					     std::to_string(e.live) +
-					     " bytes of live items above its used_bytes " +
-					     std::to_string(e.used));
-		r.usage.push_back(e);
-	}
-	return r;
-}
-
-// analyse() under the device lock, as every request of the store runs.
-Report analyse_locked()
-{
-	Locked lock;
-	return analyse();
-}
-
-// --- Output ------------------------------------------------------------------
-
-std::string json_string(const std::string &s)
-{
-	std::string o = "\"";
-	for (unsigned char c : s) {
-		if (c == '"' || c == '\\') {
-			o += '\\';
-			o += (char)c;
-		} else if (c < 0x20 || c >= 0x7f) {
-			char e[8];
-			std::snprintf(e, sizeof(e), "\\u%04x", c);
-			o += e;
-		} else {
-			o += (char)c;
-		}
-	}
-	return o + "\"";
-}
-
-const char *b(bool v)
-{
-	return v ? "true" : "false";
-}
-
-void print_json(const Report &r, const std::string &image, const Part &p, std::uint32_t device,
-		std::ostream &out)
-{
-	out << "{\n  \"image\": " << json_string(image) << ",\n  \"layout\": \""
-	    << layout_name(p.layout) << "\",\n  \"device\": " << device
-	    << ",\n  \"blank\": " << b(r.blank) << ",\n  \"intact\": " << b(r.intact())
-	    << ",\n  \"heads\": [";
-	for (int i = 0; i < 2; i++) {
-		const HeadCopy &h = r.heads[i];
-		out << (i ? ", " : "") << "{\"block\": " << h.block << ", \"readable\": "
-		    << b(h.readable) << ", \"erased\": " << b(h.erased) << ", \"marker\": "
-		    << b(h.marker) << ", \"check_code\": " << b(h.check_code)
-		    << ", \"valid\": " << b(h.valid) << "}";
-	}
-	out << "],\n  \"blk_state\": " << r.blk_state << ",\n  \"head_used\": " << r.head_used
-	    << ",\n  \"heads_equal\": " << b(r.heads_equal) << ",\n  \"static\": [";
-	for (std::size_t i = 0; i < r.statics.size(); i++) {
-		const StaticEntry &s = r.statics[i];
-		out << (i ? ",\n    " : "\n    ") << "{\"name\": " << json_string(s.name)
-		    << ", \"stored\": " << b(s.stored) << ", \"value\": "
-		    << (s.have_value ? json_string(ucfg::hex_string(s.value)) : "null") << "}";
-	}
-	out << "\n  ],\n  \"head_len\": " << r.head_len << ",\n  \"dynamic\": [";
-	for (std::size_t i = 0; i < r.dynamics.size(); i++) {
-		const DynamicEntry &d = r.dynamics[i];
-		out << (i ? ",\n    " : "\n    ") << "{\"index\": " << d.index
-		    << ", \"name\": " << json_string(d.name) << ", \"block\": " << d.block
-		    << ", \"offset\": " << d.offset << ", \"size\": " << d.size
-		    << ", \"record_ok\": " << b(d.record_error.empty()) << ", \"main\": \""
-		    << slot_name(d.main) << "\", \"backup\": \"" << slot_name(d.backup) << "\"}";
-	}
-	out << (r.dynamics.empty() ? "" : "\n  ") << "],\n  \"usage\": [";
-	for (std::size_t i = 0; i < r.usage.size(); i++) {
-		const UsageEntry &u = r.usage[i];
-		out << (i ? ",\n    " : "\n    ") << "{\"block\": " << u.block
-		    << ", \"blk_id\": " << u.blk_id << ", \"use\": " << u.use
-		    << ", \"used_bytes\": " << u.used << ", \"live_bytes\": " << u.live << "}";
-	}
-	out << (r.usage.empty() ? "" : "\n  ") << "],\n  \"free_bytes\": " << r.free_bytes
-	    << ",\n  \"dead_bytes\": " << r.dead_bytes << ",\n  \"problems\": [";
-	for (std::size_t i = 0; i < r.problems.size(); i++)
-		out << (i ? ", " : "") << json_string(r.problems[i]);
-	out << "]\n}\n";
-}
-
-void print_text(const Report &r, const std::string &image, const Part &p, std::uint32_t device,
-		std::ostream &out)
+void print_text(const StoreView &v, const std::string &image, const Part &p,
+		std::uint32_t device, std::ostream &out)
 {
 	out << image << ": " << (p.layout == Layout::kArea ? "configuration area" : "whole flash")
 	    << ", device " << device << "\n";
-	for (const HeadCopy &h : r.heads) {
-		out << "head block " << h.block << (h.block ? " (backup): " : " (main):   ");
-		if (!h.readable)
-			out << "unreadable\n";
-		else if (h.erased)
-			out << "erased\n";
-		else
-			out << "marker " << (h.marker ? "ok" : "missing") << ", check code "
-			    << (!h.marker ? "not checked" : h.check_code ? "ok" : "bad") << "\n";
-	}
-	out << "blk_state " << r.blk_state << ", items read from head block "
-	    << (r.head_used < 0 ? std::string("none") : std::to_string(r.head_used))
-	    << (r.heads_equal ? ", copies identical" : ", copies differ") << "\n\nstatic items:\n";
-	for (const StaticEntry &s : r.statics) {
-		char line[64];
-		std::snprintf(line, sizeof(line), "  %-20s %-8s ", s.name,
-			      s.stored ? "stored" : "default");
-		out << line;
-		if (!s.have_value) {
-			out << "(no default offline)\n";
-			continue;
-		}
-		ucfg::Rendered v = ucfg::render_value(s.name, s.value, ucfg::Show::kHuman);
-		std::string text = v.out.empty() ? "(hidden)\n" : v.out;
-		if (std::count(text.begin(), text.end(), '\n') > 1)
-			text = ucfg::hex_string(s.value).substr(0, 64) +
-			       (s.value.size() > 32 ? "...\n" : "\n");
-		out << text;
-	}
-	out << "\ndynamic items: " << r.dynamics.size() << " (head_len " << r.head_len << ")\n";
-	if (!r.head_len_error.empty())
-		out << "  " << r.head_len_error << "\n";
-	if (!r.dynamics.empty())
-		out << "  index name                             block offset  size   main backup\n";
-	for (const DynamicEntry &d : r.dynamics) {
-		char line[160];
-		std::snprintf(line, sizeof(line), "  %5u %-32s %5u %6u %5u   %-4s %s%s%s\n",
-			      d.index, json_string(d.name).c_str(), d.block, d.offset, d.size,
-			      slot_name(d.main), slot_name(d.backup),
-			      d.record_error.empty() ? "" : "  ", d.record_error.c_str());
-		out << line;
-	}
-	if (r.head_used >= 0) {
-		out << "\nblock usage (content blocks in use):\n";
-		for (const UsageEntry &u : r.usage)
-			if (u.use || u.used)
-				out << "  block " << u.block << ": used " << u.used
-				    << " bytes, live " << u.live << "\n";
-		out << "free " << r.free_bytes << " bytes, dead " << r.dead_bytes << " bytes\n";
-	}
-	out << "\n" << (r.blank ? "blank: nothing stored" : r.intact() ? "intact" : "damaged")
-	    << "\n";
-	for (const std::string &s : r.problems)
-		out << "  " << s << "\n";
+	print_status(v, out);
+	print_list(v, out);
 }
 
 // --- Item requests through the item engine ------------------------------------
@@ -734,21 +400,20 @@ int cmd_inspect(const Options &o, std::ostream &out, std::ostream &err, bool ver
 	if (rc != kExitOk)
 		return rc;
 	Attached a(*s.window);
-	Report r = analyse_locked();
+	StoreView v = view_of_image();
+	std::vector<std::string> problems = v.problems();
 	if (o.json)
-		print_json(r, o.image, s.part, o.device, out);
-	else if (verify)
-		out << o.image << ": "
-		    << (r.blank ? "blank: nothing stored" : r.intact() ? "intact" : "damaged")
-		    << "\n";
+		out << to_json(v).dump(2) << "\n";
+	else if (!verify)
+		print_text(v, o.image, s.part, o.device, out);
 	else
-		print_text(r, o.image, s.part, o.device, out);
+		out << o.image << ": "
+		    << (v.blank() ? "blank: nothing stored" : problems.empty() ? "intact" : "damaged")
+		    << "\n";
 	if (verify && !o.json)
-		for (const std::string &p : r.problems)
+		for (const std::string &p : problems)
 			out << "  " << p << "\n";
-	if (!verify)
-		return kExitOk;
-	return r.blank || r.intact() ? kExitOk : kExitDamaged;
+	return !verify || problems.empty() ? kExitOk : kExitDamaged;
 }
 
 int cmd_get(const Options &o, std::ostream &out, std::ostream &err)
@@ -816,27 +481,25 @@ int cmd_repair(const Options &o, std::ostream &out, std::ostream &err)
 	if (rc != kExitOk)
 		return rc;
 	Attached a(*s.window);
-	Report before;
+	StoreView before = view_of_image();
 	{
 		Locked lock;
-		before = analyse();
 		Bytes head(UCFG_BLK_SIZE);
 		u32 state = 0, id = 0;
 		int ret = devdrv_config_get_valid_block(0, head.data(), &state, &id);
 		if (ret != 0)
 			return refused(err, "repair of the head copies", ret);
 	}
-	for (const DynamicEntry &d : before.dynamics) {
-		if (!d.record_error.empty() || d.main == Slot::kOk ||
-		    devdrv_get_config_index_by_name(d.name.c_str()) != -1)
+	for (const StoreView::Item &d : before.items) {
+		if (d.main_ok || devdrv_get_config_index_by_name(d.name.c_str()) != -1)
 			continue;
 		Bytes buf(ucfg::kDynamicMax);
 		int ret = item_request(USER_CFG_CMD_GET, d.name, buf);
 		if (ret != 0)
-			err << "ucfg-image: " << d.name << ": cannot be read back ("
+			err << "ucfg-image: " << escape_name(d.name) << ": cannot be read back ("
 			    << std::strerror(-ret) << ")\n";
 	}
-	Report after = analyse_locked();
+	StoreView after = view_of_image();
 	out << o.image << ": ";
 	if (s.window->changed().empty()) {
 		out << "nothing to repair\n";
@@ -846,42 +509,59 @@ int cmd_repair(const Options &o, std::ostream &out, std::ostream &err)
 			out << " " << (flash_blk - UCFG_FLASH_BASE_BLK);
 		out << "\n";
 	}
-	for (const std::string &p : after.problems)
+	std::vector<std::string> still = after.problems();
+	for (const std::string &p : still)
 		out << "  still: " << p << "\n";
 	rc = save_if_changed(o, s, err);
 	if (rc != kExitOk)
 		return rc;
-	return after.blank || after.intact() ? kExitOk : kExitDamaged;
+	return still.empty() ? kExitOk : kExitDamaged;
 }
 
 // --- Command line ---------------------------------------------------------------
 
 const char kUsage[] =
-	"usage: ucfg-image [OPTIONS] COMMAND IMAGE [NAME [VALUE]]\n"
+	"Usage: ucfg-image [OPTIONS] COMMAND IMAGE [NAME [VALUE]]\n"
 	"\n"
-	"commands:\n"
+	"Reads and changes the configuration area of a secure-flash image file with\n"
+	"the drv_user_cfg driver's own store code.\n"
+	"\n"
+	"Commands:\n"
 	"  create IMAGE            a blank image (--init: with initialised heads)\n"
-	"  inspect IMAGE           heads, items, slots and block usage\n"
+	"  inspect IMAGE           heads, items, slots and space, as ucfg status and\n"
+	"                          ucfg list show a board\n"
 	"  verify IMAGE            exit 0 only if both copies of everything are intact\n"
 	"  get IMAGE NAME          the value of an item, as ucfg shows it\n"
 	"  set IMAGE NAME VALUE    store a value (hex:.., 0x.., text:.., a number, @FILE)\n"
 	"  clear IMAGE NAME        remove a named item, or a static item's value\n"
 	"  repair IMAGE            what the device repairs on its next accesses\n"
 	"\n"
-	"options:\n"
-	"  --json                  inspect/verify: machine-readable output\n"
-	"  -d, --device N          the device's part of a file of several (default 0)\n"
-	"  --devices K             the file holds K devices of equal size (default 1)\n"
-	"  --layout area|flash     4 MiB area alone, or a whole flash with the area at\n"
-	"                          0xA40000 (default: area if exactly 4 MiB per device)\n"
-	"  --flash-size BYTES      create --layout flash: bytes per device (16 MiB)\n"
-	"  --init                  create: write initialised head copies\n"
-	"  --force                 create: replace an existing file\n"
-	"  --raw, --text, -o FILE  get: hex bytes, text, or the bytes into FILE\n"
-	"  -v, --verbose           show the store's messages\n"
+	"NAME is 1 to 32 bytes; \\xHH for a byte that is not printable.\n"
 	"\n"
-	"exit: 0 ok, 1 usage, 2 bad or unreadable image, 3 refused, 4 not set,\n"
-	"      5 bad value, 6 damaged (verify, repair)\n";
+	"Options:\n"
+	"      --json              inspect, verify: machine-readable output (the\n"
+	"                          schema of ucfg list --json)\n"
+	"  -d, --device N          the device's part of a file of several (default 0)\n"
+	"      --devices K         the file holds K devices of equal size (default 1)\n"
+	"      --layout area|flash 4 MiB area alone, or a whole flash with the area at\n"
+	"                          0xA40000 (default: area if exactly 4 MiB per device)\n"
+	"      --flash-size BYTES  create --layout flash: bytes per device (16 MiB)\n"
+	"      --init              create: write initialised head copies\n"
+	"      --force             create: replace an existing file\n"
+	"      --raw, --text       get: hex bytes, or text\n"
+	"  -o, --output FILE       get: the bytes into FILE\n"
+	"  -v, --verbose           show the store's messages\n"
+	"  -h, --help              print this help and exit\n"
+	"      --version           print the version and exit\n"
+	"\n"
+	"Exit status:\n"
+	"  0  success\n"
+	"  1  usage error\n"
+	"  2  bad or unreadable image\n"
+	"  3  the store refused the request\n"
+	"  4  the item is not set\n"
+	"  5  bad value\n"
+	"  6  damaged (verify, repair)\n";
 
 std::optional<std::uint64_t> number(const std::string &s)
 {
@@ -897,98 +577,122 @@ std::optional<std::uint64_t> number(const std::string &s)
 
 std::optional<Options> parse(const std::vector<std::string> &args, std::string &error)
 {
+	enum { kJson = 256, kDevices, kLayout, kFlashSize, kInit, kForce, kRaw, kText, kVersion };
+	static const struct option longs[] = {
+		{"json", no_argument, nullptr, kJson},
+		{"device", required_argument, nullptr, 'd'},
+		{"devices", required_argument, nullptr, kDevices},
+		{"layout", required_argument, nullptr, kLayout},
+		{"flash-size", required_argument, nullptr, kFlashSize},
+		{"init", no_argument, nullptr, kInit},
+		{"force", no_argument, nullptr, kForce},
+		{"raw", no_argument, nullptr, kRaw},
+		{"text", no_argument, nullptr, kText},
+		{"output", required_argument, nullptr, 'o'},
+		{"verbose", no_argument, nullptr, 'v'},
+		{"help", no_argument, nullptr, 'h'},
+		{"version", no_argument, nullptr, kVersion},
+		{nullptr, 0, nullptr, 0},
+	};
 	Options o;
-	std::vector<std::string> pos;
-	for (std::size_t i = 0; i < args.size(); i++) {
-		const std::string &a = args[i];
-		auto next = [&](std::string &v) {
-			if (i + 1 >= args.size()) {
-				error = a + " needs a value";
-				return false;
-			}
-			v = args[++i];
-			return true;
-		};
-		std::string v;
-		if (a == "--json") {
+	std::vector<std::string> argv_s{"ucfg-image"};
+	argv_s.insert(argv_s.end(), args.begin(), args.end());
+	std::vector<char *> argv;
+	for (std::string &a : argv_s)
+		argv.push_back(a.data());
+	argv.push_back(nullptr);
+	optind = 0;
+	opterr = 0;
+	for (int c; (c = getopt_long(static_cast<int>(argv_s.size()), argv.data(), ":d:o:vh",
+				     longs, nullptr)) != -1;) {
+		std::string v = optarg ? optarg : "";
+		std::optional<std::uint64_t> n = number(v);
+		switch (c) {
+		case kJson:
 			o.json = true;
-		} else if (a == "-v" || a == "--verbose") {
+			break;
+		case 'v':
 			o.verbose = true;
-		} else if (a == "--init") {
+			break;
+		case kInit:
 			o.init = true;
-		} else if (a == "--force") {
+			break;
+		case kForce:
 			o.force = true;
-		} else if (a == "--raw") {
+			break;
+		case kRaw:
 			o.raw = true;
-		} else if (a == "--text") {
+			break;
+		case kText:
 			o.text = true;
-		} else if (a == "-o") {
-			if (!next(o.out_file))
-				return std::nullopt;
-		} else if (a == "-d" || a == "--device" || a == "--devices" ||
-			   a == "--flash-size") {
-			if (!next(v))
-				return std::nullopt;
-			std::optional<std::uint64_t> n = number(v);
-			if (!n || (a != "--flash-size" && *n > 64)) {
-				error = "bad number for " + a + ": " + v;
+			break;
+		case 'h':
+			o.command = "help";
+			return o;
+		case kVersion:
+			o.command = "version";
+			return o;
+		case 'o':
+			o.out_file = v;
+			break;
+		case 'd':
+		case kDevices:
+		case kFlashSize:
+			if (!n || (c != kFlashSize && (*n > 64 || (c == kDevices && *n == 0)))) {
+				error = "bad number for " + std::string(argv[optind - 1]) + ": " + v;
 				return std::nullopt;
 			}
-			if (a == "--flash-size")
+			if (c == kFlashSize)
 				o.flash_size = *n;
-			else if (a == "--devices")
-				o.devices = (std::uint32_t)*n;
 			else
-				o.device = (std::uint32_t)*n;
-		} else if (a == "--layout") {
-			if (!next(v))
-				return std::nullopt;
+				(c == kDevices ? o.devices : o.device) = (std::uint32_t)*n;
+			break;
+		case kLayout:
 			if (v != "area" && v != "flash") {
 				error = "--layout is area or flash";
 				return std::nullopt;
 			}
 			o.layout = v == "area" ? Layout::kArea : Layout::kFlash;
-		} else if (a == "--") {
-			pos.insert(pos.end(), args.begin() + (long)i + 1, args.end());
 			break;
-		} else if (a.size() > 1 && a[0] == '-' && pos.size() < 3) {
-			error = "unknown option " + a;
+		case ':':
+			error = std::string(argv[optind - 1]) + " needs a value";
 			return std::nullopt;
-		} else {
-			pos.push_back(a);
+		default:
+			error = "unknown option " + std::string(argv[optind - 1]);
+			return std::nullopt;
 		}
 	}
+	std::vector<std::string> pos(argv.begin() + optind, argv.end() - 1);
 	if (pos.empty()) {
-		error = "no command";
+		error = "no command given";
 		return std::nullopt;
 	}
 	o.command = pos[0];
 	static const std::map<std::string, std::size_t> arity = {
 		{"create", 2}, {"inspect", 2}, {"verify", 2}, {"repair", 2},
-		{"get", 3},    {"clear", 3},   {"set", 4},
+		{"get", 3},    {"clear", 3},   {"set", 4},    {"help", 1},
 	};
 	auto it = arity.find(o.command);
 	if (it == arity.end()) {
-		error = "unknown command " + o.command;
+		error = "unknown command '" + o.command + "'";
 		return std::nullopt;
 	}
 	if (pos.size() != it->second) {
 		error = o.command + " takes " + std::to_string(it->second - 1) + " argument(s)";
 		return std::nullopt;
 	}
-	o.image = pos[1];
-	if (pos.size() > 2)
-		o.name = pos[2];
+	if (pos.size() > 1)
+		o.image = pos[1];
+	if (pos.size() > 2) {
+		std::optional<std::string> name = ucfg::unescape_name(pos[2]);
+		if (!name || name->empty() || name->size() > ucfg::kNameMax) {
+			error = "an item name is 1 to 32 bytes (\\xHH for one byte)";
+			return std::nullopt;
+		}
+		o.name = *name;
+	}
 	if (pos.size() > 3)
 		o.value = pos[3];
-	if (o.devices == 0) {
-		error = "--devices must be at least 1";
-		return std::nullopt;
-	}
-	if (o.name.size() > ucfg::kNameMax || (pos.size() > 2 && o.name.empty())) {
-		error = "an item name is 1 to 32 bytes";
-		return std::nullopt;
-	}
 	return o;
 }
 
@@ -996,15 +700,16 @@ std::optional<Options> parse(const std::vector<std::string> &args, std::string &
 
 int run(const std::vector<std::string> &args, std::ostream &out, std::ostream &err)
 {
-	if (args.size() == 1 && (args[0] == "-h" || args[0] == "--help" || args[0] == "help")) {
-		out << kUsage;
-		return kExitOk;
-	}
 	std::string error;
 	std::optional<Options> o = parse(args, error);
 	if (!o) {
-		err << "ucfg-image: " << error << "\n" << kUsage;
+		err << "ucfg-image: " << error << "\nTry 'ucfg-image --help'.\n";
 		return kExitUsage;
+	}
+	if (o->command == "help" || o->command == "version") {
+		out << (o->command == "help" ? std::string(kUsage)
+					     : std::string("ucfg-image ") + ucfg::kVersion + "\n");
+		return kExitOk;
 	}
 	echo_module_log(o->verbose);
 	int rc;
@@ -1034,13 +739,13 @@ int inspect_memory(std::vector<std::uint8_t> &bytes, bool json, std::ostream &ou
 	}
 	Window w(bytes, *p);
 	Attached a(w);
-	Report r = analyse_locked();
+	StoreView v = view_of_image();
 	if (json)
-		print_json(r, "memory", *p, 0, out);
+		out << to_json(v).dump(2) << "\n";
 	else
-		print_text(r, "memory", *p, 0, out);
+		print_text(v, "memory", *p, 0, out);
 	take_module_log();
-	return r.blank || r.intact() ? kExitOk : kExitDamaged;
+	return v.problems().empty() ? kExitOk : kExitDamaged;
 }
 
 } // namespace ucfg_image

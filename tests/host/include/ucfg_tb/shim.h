@@ -20,6 +20,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdarg.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -179,6 +180,12 @@ struct class;
 #define container_of(p, t, m)	((t *)(void *)((char *)(p) - offsetof(t, m)))
 #define u64_to_user_ptr(x)	((void *)(uintptr_t)(x))
 #define simple_strtol(s, e, b)	strtol((s), (e), (int)(b))
+static inline int vscnprintf(char *b, size_t n, const char *f, va_list ap)
+{
+	int r = n ? vsnprintf(b, n, f, ap) : 0;
+
+	return r < 0 ? 0 : (size_t)r >= n ? (int)n - (n > 0) : r;
+}
 #define MAX_ERRNO	4095
 static inline void *ERR_PTR(long e) { return (void *)e; }
 static inline long PTR_ERR(const void *p) { return (long)p; }
