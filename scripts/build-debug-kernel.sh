@@ -30,6 +30,22 @@ WHAT=${1:-image}
 log() { echo "debug-kernel: $*" >&2; }
 die() { log "error: $*"; exit 1; }
 
+# busy WHAT LOG CMD...: runs CMD with its output in LOG and says every 30 s
+# that it is still at it (a cold build takes minutes). Fails as CMD fails.
+busy() {
+	local what=$1 out=$2 pid t=0
+	shift 2
+	"$@" >>"$out" 2>&1 &
+	pid=$!
+	while kill -0 "$pid" 2>/dev/null; do
+		sleep 1
+		t=$((t + 1))
+		[ $((t % 30)) -eq 0 ] &&
+			log "$what: $t s so far, $(grep -c '^  [A-Z]' "$out") steps (log $out)"
+	done
+	wait "$pid"
+}
+
 case $WHAT in
 image | tree) ;;
 *) die "unknown argument '$WHAT' (image or tree)" ;;
@@ -72,7 +88,10 @@ if [ ! -f "$SRC/Makefile" ]; then
 	mkdir -p "$DIR/unpack"
 	dpkg-deb --fsys-tarfile "$deb" |
 		tar -x -C "$DIR/unpack" ./usr/src/linux-source-5.10.tar.xz
-	tar -xJf "$DIR/unpack/usr/src/linux-source-5.10.tar.xz" -C "$DIR/unpack"
+	: >"$DIR/unpack.log"
+	busy unpacking "$DIR/unpack.log" \
+		tar -xJf "$DIR/unpack/usr/src/linux-source-5.10.tar.xz" -C "$DIR/unpack" ||
+		die "cannot unpack the kernel source"
 	mv "$DIR/unpack/linux-source-5.10" "$SRC"
 	rm -rf "$DIR/unpack"
 fi
@@ -113,7 +132,8 @@ done <"$FRAG"
 # "modules" has nothing to build (everything is built in) but writes
 # Module.symvers, without which modpost warns about every external module.
 log "building Image and modules support (log $DIR/build.log)"
-"${KMAKE[@]}" -j"$(nproc)" Image modules modules_prepare >"$DIR/build.log" 2>&1 ||
+: >"$DIR/build.log"
+busy building "$DIR/build.log" "${KMAKE[@]}" -j"$(nproc)" Image modules modules_prepare ||
 	{ tail -n 40 "$DIR/build.log"; die "kernel build failed"; }
 t1=$(date +%s)
 if [ $cold -eq 1 ]; then

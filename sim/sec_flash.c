@@ -4,37 +4,34 @@
  * device, exporting the two transfer functions of the real module.
  *
  * Only the 4 MiB window that holds the user configuration exists; any
- * transfer outside it, or of a device the stand-in does not have, fails.
- * Fresh flash reads as 0xff.
+ * transfer outside it, or of a device the stand-in does not have, fails
+ * with -EINVAL. Fresh flash reads as 0xff.
  *
  * debugfs, one directory per device, /sys/kernel/debug/sec_flash/devN/:
  *   area           the whole window, block b at offset b * 64 KiB; read it
  *                  to dump the flash, write it to load an image or to damage
  *                  a copy at rest
- *   reads, writes  transfers served since the last reset; write 0 to reset
+ *   reads, writes  transfers served so far; write 0 to reset
  *   fail_read      N: the Nth read from now fails (once); 0 disarms
  *   fail_write     N: the Nth write from now fails (once), flash untouched
  *   fail_code      errno the failed transfers return, as a positive number
  *                  (default EIO)
- *   power_cut      N: the Nth write from now fails and so does every later
- *                  transfer, reads included, until 0 is written
+ *   power_cut      N: the Nth write from now fails and sets power_off
+ *   power_off      1 while the power is off: every transfer fails, reads
+ *                  included; write 0 to power the flash back on
  *   corrupt_write  N: the Nth write from now stores its data with the first
  *                  byte inverted and still reports success
- *   trace          the last 64 transfers, oldest first, one per line:
- *                  "R|W block result"; write anything to empty it
  *
- * Every counter is "from now": writing N arms it afresh, and a transfer that
- * fires a one-shot fault disarms it. Faults are checked in the order power
- * cut, failure, corruption. All state is under one mutex, so a test that
- * arms a fault and then issues a request sees the fault at a well-defined
- * transfer.
+ * A countdown reads 0 once its fault has fired. Transfers run under one
+ * mutex, so a fault armed before a request hits a well-defined transfer of
+ * it; the knobs themselves are plain 64-bit words.
  */
 #include <linux/debugfs.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
-#include <linux/slab.h>
+#include <linux/stddef.h>
 #include <linux/string.h>
 #include <linux/vmalloc.h>
 
@@ -43,14 +40,6 @@
 #define SEC_FLASH_DEV_NUM	4U
 #define SEC_FLASH_WIN_BASE	0xA40000U
 #define SEC_FLASH_WIN_SIZE	0x400000U
-#define SEC_FLASH_BLK_SIZE	0x10000U
-#define SEC_FLASH_TRACE_LEN	64U
-
-struct sec_flash_event {
-	char op;
-	u32 blk;
-	int ret;
-};
 
 struct sec_flash_dev {
 	u8 *area;
@@ -60,24 +49,13 @@ struct sec_flash_dev {
 	u64 fail_write;
 	u64 fail_code;
 	u64 power_cut;
+	u64 power_off;
 	u64 corrupt_write;
-	bool powered_off;
-	struct sec_flash_event trace[SEC_FLASH_TRACE_LEN];
-	u32 trace_next;
-	u32 trace_used;
 };
 
 static struct sec_flash_dev sec_flash_devs[SEC_FLASH_DEV_NUM];
 static DEFINE_MUTEX(sec_flash_lock);
 static struct dentry *sec_flash_debugfs;
-
-static u8 *sec_flash_window(struct sec_flash_dev *d, u32 offset, u32 len)
-{
-	if (offset < SEC_FLASH_WIN_BASE ||
-	    (u64)offset + len > (u64)SEC_FLASH_WIN_BASE + SEC_FLASH_WIN_SIZE)
-		return NULL;
-	return d->area + (offset - SEC_FLASH_WIN_BASE);
-}
 
 /* Counts an armed countdown down; true on the transfer it aims at. */
 static bool sec_flash_fires(u64 *countdown)
@@ -87,83 +65,50 @@ static bool sec_flash_fires(u64 *countdown)
 	return --*countdown == 0;
 }
 
-static int sec_flash_error(struct sec_flash_dev *d)
+static int sec_flash_xfer(u32 dev_id, u32 offset, u8 *buf, u32 len,
+			  bool write)
 {
+	struct sec_flash_dev *d;
+	bool fail;
+	u8 *p;
+
+	if (dev_id >= SEC_FLASH_DEV_NUM || !buf || offset < SEC_FLASH_WIN_BASE ||
+	    (u64)offset + len > (u64)SEC_FLASH_WIN_BASE + SEC_FLASH_WIN_SIZE)
+		return -EINVAL;
+	d = &sec_flash_devs[dev_id];
+	p = d->area + (offset - SEC_FLASH_WIN_BASE);
+	mutex_lock(&sec_flash_lock);
+	if (write) {
+		d->writes++;
+		if (sec_flash_fires(&d->power_cut))
+			d->power_off = 1;
+		fail = d->power_off || sec_flash_fires(&d->fail_write);
+		if (!fail) {
+			memcpy(p, buf, len);
+			if (len && sec_flash_fires(&d->corrupt_write))
+				p[0] ^= 0xff;
+		}
+	} else {
+		d->reads++;
+		fail = d->power_off || sec_flash_fires(&d->fail_read);
+		if (!fail)
+			memcpy(buf, p, len);
+	}
+	mutex_unlock(&sec_flash_lock);
+	if (!fail)
+		return 0;
 	return d->fail_code ? -(int)d->fail_code : -EIO;
-}
-
-static void sec_flash_record(struct sec_flash_dev *d, char op, u32 offset,
-			     int ret)
-{
-	struct sec_flash_event *e = &d->trace[d->trace_next];
-
-	e->op = op;
-	e->blk = (offset - SEC_FLASH_WIN_BASE) / SEC_FLASH_BLK_SIZE;
-	e->ret = ret;
-	d->trace_next = (d->trace_next + 1) % SEC_FLASH_TRACE_LEN;
-	if (d->trace_used < SEC_FLASH_TRACE_LEN)
-		d->trace_used++;
 }
 
 int sec_flash_read(u32 dev_id, u32 offset, u8 *buf, u32 len)
 {
-	struct sec_flash_dev *d;
-	int ret = 0;
-	u8 *p;
-
-	if (dev_id >= SEC_FLASH_DEV_NUM || !buf)
-		return -EINVAL;
-	d = &sec_flash_devs[dev_id];
-	mutex_lock(&sec_flash_lock);
-	p = sec_flash_window(d, offset, len);
-	if (!p) {
-		ret = -EINVAL;
-		goto unlock;
-	}
-	d->reads++;
-	if (d->powered_off || sec_flash_fires(&d->fail_read)) {
-		ret = sec_flash_error(d);
-		goto unlock;
-	}
-	memcpy(buf, p, len);
-unlock:
-	if (p)
-		sec_flash_record(d, 'R', offset, ret);
-	mutex_unlock(&sec_flash_lock);
-	return ret;
+	return sec_flash_xfer(dev_id, offset, buf, len, false);
 }
 EXPORT_SYMBOL(sec_flash_read);
 
 int sec_flash_write(u32 dev_id, u32 offset, u8 *buf, u32 len)
 {
-	struct sec_flash_dev *d;
-	int ret = 0;
-	u8 *p;
-
-	if (dev_id >= SEC_FLASH_DEV_NUM || !buf)
-		return -EINVAL;
-	d = &sec_flash_devs[dev_id];
-	mutex_lock(&sec_flash_lock);
-	p = sec_flash_window(d, offset, len);
-	if (!p) {
-		ret = -EINVAL;
-		goto unlock;
-	}
-	d->writes++;
-	if (sec_flash_fires(&d->power_cut))
-		d->powered_off = true;
-	if (d->powered_off || sec_flash_fires(&d->fail_write)) {
-		ret = sec_flash_error(d);
-		goto unlock;
-	}
-	memcpy(p, buf, len);
-	if (len && sec_flash_fires(&d->corrupt_write))
-		p[0] ^= 0xff;
-unlock:
-	if (p)
-		sec_flash_record(d, 'W', offset, ret);
-	mutex_unlock(&sec_flash_lock);
-	return ret;
+	return sec_flash_xfer(dev_id, offset, buf, len, true);
 }
 EXPORT_SYMBOL(sec_flash_write);
 
@@ -200,122 +145,33 @@ static const struct file_operations sec_flash_area_fops = {
 	.llseek = default_llseek,
 };
 
-static ssize_t sec_flash_trace_read(struct file *file, char __user *buf,
-				    size_t count, loff_t *ppos)
-{
-	struct sec_flash_dev *d = file_inode(file)->i_private;
-	const size_t room = SEC_FLASH_TRACE_LEN * 24;
-	size_t n = 0;
-	ssize_t ret;
-	char *text;
-	u32 i, at;
-
-	text = kzalloc(room, GFP_KERNEL);
-	if (!text)
-		return -ENOMEM;
-	mutex_lock(&sec_flash_lock);
-	at = (d->trace_next + SEC_FLASH_TRACE_LEN - d->trace_used) %
-	     SEC_FLASH_TRACE_LEN;
-	for (i = 0; i < d->trace_used; i++) {
-		const struct sec_flash_event *e =
-			&d->trace[(at + i) % SEC_FLASH_TRACE_LEN];
-
-		n += scnprintf(text + n, room - n, "%c %u %d\n", e->op, e->blk,
-			       e->ret);
-	}
-	mutex_unlock(&sec_flash_lock);
-	ret = simple_read_from_buffer(buf, count, ppos, text, n);
-	kfree(text);
-	return ret;
-}
-
-static ssize_t sec_flash_trace_write(struct file *file,
-				     const char __user *buf, size_t count,
-				     loff_t *ppos)
-{
-	struct sec_flash_dev *d = file_inode(file)->i_private;
-
-	mutex_lock(&sec_flash_lock);
-	d->trace_used = 0;
-	d->trace_next = 0;
-	mutex_unlock(&sec_flash_lock);
-	return count;
-}
-
-static const struct file_operations sec_flash_trace_fops = {
-	.owner = THIS_MODULE,
-	.read = sec_flash_trace_read,
-	.write = sec_flash_trace_write,
-	.llseek = default_llseek,
+static const struct {
+	const char *name;
+	size_t offset;
+} sec_flash_knobs[] = {
+	{ "reads", offsetof(struct sec_flash_dev, reads) },
+	{ "writes", offsetof(struct sec_flash_dev, writes) },
+	{ "fail_read", offsetof(struct sec_flash_dev, fail_read) },
+	{ "fail_write", offsetof(struct sec_flash_dev, fail_write) },
+	{ "fail_code", offsetof(struct sec_flash_dev, fail_code) },
+	{ "power_cut", offsetof(struct sec_flash_dev, power_cut) },
+	{ "power_off", offsetof(struct sec_flash_dev, power_off) },
+	{ "corrupt_write", offsetof(struct sec_flash_dev, corrupt_write) },
 };
-
-/* The knobs and counters: one u64 each, read and written under the lock. */
-static int sec_flash_knob_get(void *data, u64 *val)
-{
-	mutex_lock(&sec_flash_lock);
-	*val = *(u64 *)data;
-	mutex_unlock(&sec_flash_lock);
-	return 0;
-}
-
-static int sec_flash_knob_set(void *data, u64 val)
-{
-	mutex_lock(&sec_flash_lock);
-	*(u64 *)data = val;
-	mutex_unlock(&sec_flash_lock);
-	return 0;
-}
-DEFINE_DEBUGFS_ATTRIBUTE(sec_flash_knob_fops, sec_flash_knob_get,
-			 sec_flash_knob_set, "%llu\n");
-
-/* Arming or clearing the power cut also powers the flash back on. */
-static int sec_flash_power_cut_get(void *data, u64 *val)
-{
-	struct sec_flash_dev *d = data;
-
-	mutex_lock(&sec_flash_lock);
-	*val = d->powered_off ? 1 : d->power_cut;
-	mutex_unlock(&sec_flash_lock);
-	return 0;
-}
-
-static int sec_flash_power_cut_set(void *data, u64 val)
-{
-	struct sec_flash_dev *d = data;
-
-	mutex_lock(&sec_flash_lock);
-	d->power_cut = val;
-	d->powered_off = false;
-	mutex_unlock(&sec_flash_lock);
-	return 0;
-}
-DEFINE_DEBUGFS_ATTRIBUTE(sec_flash_power_cut_fops, sec_flash_power_cut_get,
-			 sec_flash_power_cut_set, "%llu\n");
 
 static void sec_flash_create_files(struct sec_flash_dev *d, u32 dev_id)
 {
 	struct dentry *dir;
 	char name[8];
+	size_t i;
 
 	snprintf(name, sizeof(name), "dev%u", dev_id);
 	dir = debugfs_create_dir(name, sec_flash_debugfs);
 	debugfs_create_file_size("area", 0600, dir, d, &sec_flash_area_fops,
 				 SEC_FLASH_WIN_SIZE);
-	debugfs_create_file_unsafe("reads", 0600, dir, &d->reads,
-				   &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("writes", 0600, dir, &d->writes,
-				   &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("fail_read", 0600, dir, &d->fail_read,
-				   &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("fail_write", 0600, dir, &d->fail_write,
-				   &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("fail_code", 0600, dir, &d->fail_code,
-				   &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("corrupt_write", 0600, dir,
-				   &d->corrupt_write, &sec_flash_knob_fops);
-	debugfs_create_file_unsafe("power_cut", 0600, dir, d,
-				   &sec_flash_power_cut_fops);
-	debugfs_create_file("trace", 0600, dir, d, &sec_flash_trace_fops);
+	for (i = 0; i < ARRAY_SIZE(sec_flash_knobs); i++)
+		debugfs_create_u64(sec_flash_knobs[i].name, 0600, dir,
+				   (u64 *)((u8 *)d + sec_flash_knobs[i].offset));
 }
 
 static void sec_flash_free(void)
