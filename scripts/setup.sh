@@ -33,8 +33,6 @@ PACKAGES=(
 	kmod rsync xz-utils
 	# lint (man pages: groff)
 	sparse groff-base
-	# DKMS package test: Debian's dkms and the current amd64 headers
-	dkms linux-headers-amd64
 	# Debian packages (make deb): debhelper with the dkms add-on; the arm64
 	# tools package is cross-built against arm64 libcrypto, and
 	# dpkg-shlibdeps looks up the arm64 libraries it links (libstdc++ of
@@ -44,7 +42,7 @@ PACKAGES=(
 	# VM harness
 	device-tree-compiler qemu-system-arm cpio
 	# make bench: the environment tools users would otherwise reach for
-	libubootenv-tool libubootenv-dev pkg-config
+	libubootenv-tool
 )
 
 SUDO=()
