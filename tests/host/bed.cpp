@@ -17,7 +17,7 @@
 #include <sys/syscall.h>
 
 extern "C" {
-#include "ucfg_tb/shim.h"
+#include "ucfg_shim/shim.h"
 #include "common/siblings.h"
 }
 
@@ -87,11 +87,11 @@ void build_task(Task &k, const task::Spec &s)
 	k.t.pid = static_cast<pid_t>(syscall(SYS_gettid));
 	k.c.uid.val = s.uid;
 	k.t.cred = &k.c;
-	k.t.tb_caps = s.admin ? 1ull << kCapSysAdmin : 0;
+	k.t.shim_caps = s.admin ? 1ull << kCapSysAdmin : 0;
 	k.node = inode{S_IFREG | 0755, std::hash<std::string>()(s.exe) | 1, nullptr};
 	k.d.d_name.name = reinterpret_cast<const unsigned char *>(k.name.c_str());
 	k.d.d_name.len = static_cast<u32>(k.name.size());
-	k.d.tb_path = k.path.c_str();
+	k.d.shim_path = k.path.c_str();
 	k.exe.f_path.dentry = &k.d;
 	k.exe.f_inode = &k.node;
 	k.mm.exe_file = &k.exe;
@@ -182,11 +182,6 @@ void arm(Fault f, u32 nth, u32 torn, bool erased)
 	w().torn = torn;
 	w().erased = erased;
 	w().fired = false;
-}
-
-bool fired()
-{
-	return w().fired;
 }
 
 void reboot()
@@ -333,12 +328,6 @@ void fifo(const std::string &path)
 	std::lock_guard<std::mutex> g(w().lock);
 	w().files[path] = HostFile{"", inode{S_IFIFO | 0644, 8, nullptr}};
 }
-
-void remove(const std::string &path)
-{
-	std::lock_guard<std::mutex> g(w().lock);
-	w().files.erase(path);
-}
 } // namespace files
 
 u32 slept_ms()
@@ -400,7 +389,7 @@ extern "C" {
 
 struct task_struct init_task;
 
-void tb_printk(int level, const char *fmt, ...)
+void shim_printk(int level, const char *fmt, ...)
 {
 	va_list ap;
 	va_start(ap, fmt);
@@ -420,14 +409,14 @@ void tb_printk(int level, const char *fmt, ...)
 	w().log.push_back(l);
 }
 
-struct task_struct *tb_current(void)
+struct task_struct *shim_current(void)
 {
 	if (!tb::t_task)
 		tb::task::set(tb::task::Spec());
 	return &tb::t_task->t;
 }
 
-void *tb_alloc(size_t size, gfp_t gfp)
+void *shim_alloc(size_t size, gfp_t gfp)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	if (++w().alloc_calls == w().alloc_fail)
@@ -439,7 +428,7 @@ void *tb_alloc(size_t size, gfp_t gfp)
 	return p;
 }
 
-void tb_free(const void *p)
+void shim_free(const void *p)
 {
 	if (!p)
 		return;
@@ -451,7 +440,7 @@ void tb_free(const void *p)
 	std::free(const_cast<void *>(p));
 }
 
-void tb_mutex_init(struct mutex *lock)
+void shim_mutex_init(struct mutex *lock)
 {
 	pthread_mutexattr_t a;
 	pthread_mutexattr_init(&a);
@@ -459,7 +448,7 @@ void tb_mutex_init(struct mutex *lock)
 	pthread_mutex_init(&lock->m, &a);
 }
 
-void tb_mutex_lock(struct mutex *lock)
+void shim_mutex_lock(struct mutex *lock)
 {
 	if (pthread_mutex_lock(&lock->m) != 0) {
 		std::lock_guard<std::mutex> g(w().lock);
@@ -470,7 +459,7 @@ void tb_mutex_lock(struct mutex *lock)
 	w().held++;
 }
 
-void tb_mutex_unlock(struct mutex *lock)
+void shim_mutex_unlock(struct mutex *lock)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	w().held--;
@@ -496,7 +485,7 @@ void fput(struct file *f)
 	}
 }
 
-struct file *tb_file_open(const char *name, int)
+struct file *shim_file_open(const char *name, int)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	auto it = w().files.find(name);
@@ -509,7 +498,7 @@ struct file *tb_file_open(const char *name, int)
 	return f;
 }
 
-ssize_t tb_file_read(struct file *f, void *buf, size_t n, loff_t *pos)
+ssize_t shim_file_read(struct file *f, void *buf, size_t n, loff_t *pos)
 {
 	const std::string &c = static_cast<tb::HostFile *>(f->private_data)->content;
 	std::size_t from = std::min<std::size_t>(static_cast<std::size_t>(*pos), c.size());
@@ -519,7 +508,7 @@ ssize_t tb_file_read(struct file *f, void *buf, size_t n, loff_t *pos)
 	return static_cast<ssize_t>(k);
 }
 
-void *tb_ioremap(phys_addr_t addr, size_t size)
+void *shim_ioremap(phys_addr_t addr, size_t size)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	if (w().ioremap_fails || addr < tb::kRegBase || addr + size > tb::kRegBase + tb::kRegSize)
@@ -528,18 +517,18 @@ void *tb_ioremap(phys_addr_t addr, size_t size)
 	return reinterpret_cast<u8 *>(w().regs) + (addr - tb::kRegBase);
 }
 
-void tb_iounmap(void *)
+void shim_iounmap(void *)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	w().mappings--;
 }
 
-u32 tb_readl(const void *addr)
+u32 shim_readl(const void *addr)
 {
 	return *static_cast<const u32 *>(addr);
 }
 
-void tb_msleep(unsigned int ms)
+void shim_msleep(unsigned int ms)
 {
 	std::lock_guard<std::mutex> g(w().lock);
 	w().slept += ms;

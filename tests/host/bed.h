@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 //
 // The host test bed: the world the module's C code runs in when it is built
-// as a user-space library (see include/ucfg_tb/shim.h). It simulates the
+// as a user-space library (see tools/shim/ucfg_shim/shim.h). It simulates the
 // secure flash with its faults, kernel memory, the control module, the
 // platform registers, the current task and its executable, cpuset files,
 // and it captures the kernel log.
@@ -50,7 +50,6 @@ enum class Fault {
 // the next one. A tear keeps torn new bytes; the rest keeps the old ones,
 // or reads erased (0xFF) when erased is set. Corrupt changes byte torn.
 void arm(Fault f, u32 nth, u32 torn = 0, bool erased = false);
-bool fired();
 void reboot();	// power back, faults cleared, contents kept
 
 struct Transfer {
@@ -98,7 +97,6 @@ Spec daemon();	// the whitelisted daemon: uid 1101, /var/devmgr_daemon
 namespace files {
 void set(const std::string &path, const std::string &content);
 void fifo(const std::string &path);
-void remove(const std::string &path);
 } // namespace files
 
 u32 slept_ms();

@@ -3,7 +3,7 @@
 // The kernel services the store's code needs, for the offline image tool.
 //
 // The store's C sources are compiled against the same kernel-API shim as in
-// the test bed (tests/host/include); this file implements the shim's
+// the host tests (tools/shim); this file implements the shim's
 // functions for a product instead of a test: plain allocation, a real mutex,
 // SHA-256 from the host's libcrypto, the module's messages kept for -v, and
 // the two secure-flash transfers served from an image held in memory. There
@@ -22,7 +22,7 @@
 #include <string>
 
 extern "C" {
-#include "ucfg_tb/shim.h"
+#include "ucfg_shim/shim.h"
 }
 
 namespace {
@@ -82,7 +82,7 @@ static void add_log(int level, const char *fmt, va_list ap)
 
 extern "C" {
 
-void tb_printk(int level, const char *fmt, ...)
+void shim_printk(int level, const char *fmt, ...)
 {
 	// The kernel prints "%*pE" escaped; the tool keeps the bytes.
 	std::string f = fmt;
@@ -94,19 +94,19 @@ void tb_printk(int level, const char *fmt, ...)
 	va_end(ap);
 }
 
-struct task_struct *tb_current(void)
+struct task_struct *shim_current(void)
 {
 	return &g_task;
 }
 
 struct task_struct init_task;
 
-void *tb_alloc(size_t size, gfp_t gfp)
+void *shim_alloc(size_t size, gfp_t gfp)
 {
 	return (gfp & __GFP_ZERO) ? std::calloc(1, size ? size : 1) : std::malloc(size ? size : 1);
 }
 
-void tb_free(const void *ptr)
+void shim_free(const void *ptr)
 {
 	std::free(const_cast<void *>(ptr));
 }
@@ -115,31 +115,31 @@ void tb_free(const void *ptr)
 // module is valid on every board, so the id read here does not matter.
 static u32 g_regs[USER_CFG_REG_WORDS];
 
-void *tb_ioremap(phys_addr_t, size_t)
+void *shim_ioremap(phys_addr_t, size_t)
 {
 	return g_regs;
 }
 
-void tb_iounmap(void *) {}
+void shim_iounmap(void *) {}
 
-u32 tb_readl(const void *addr)
+u32 shim_readl(const void *addr)
 {
 	return *static_cast<const u32 *>(addr);
 }
 
-void tb_msleep(unsigned int) {}
+void shim_msleep(unsigned int) {}
 
-void tb_mutex_init(struct mutex *lock)
+void shim_mutex_init(struct mutex *lock)
 {
 	pthread_mutex_init(&lock->m, nullptr);
 }
 
-void tb_mutex_lock(struct mutex *lock)
+void shim_mutex_lock(struct mutex *lock)
 {
 	pthread_mutex_lock(&lock->m);
 }
 
-void tb_mutex_unlock(struct mutex *lock)
+void shim_mutex_unlock(struct mutex *lock)
 {
 	pthread_mutex_unlock(&lock->m);
 }
@@ -152,12 +152,12 @@ bool get_file_rcu(struct file *)
 
 void fput(struct file *) {}
 
-struct file *tb_file_open(const char *, int)
+struct file *shim_file_open(const char *, int)
 {
 	return reinterpret_cast<struct file *>(static_cast<intptr_t>(-ENOENT));
 }
 
-ssize_t tb_file_read(struct file *, void *, size_t, loff_t *)
+ssize_t shim_file_read(struct file *, void *, size_t, loff_t *)
 {
 	return -EIO;
 }

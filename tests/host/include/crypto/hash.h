@@ -1,2 +1,0 @@
-/* SPDX-License-Identifier: GPL-2.0 */
-#include "ucfg_tb/shim.h"

@@ -1,3 +1,0 @@
-/* SPDX-License-Identifier: GPL-2.0 */
-#include_next <linux/errno.h>
-#include "ucfg_tb/shim.h"

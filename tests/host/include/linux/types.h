@@ -1,3 +1,0 @@
-/* SPDX-License-Identifier: GPL-2.0 */
-#include_next <linux/types.h>
-#include "ucfg_tb/shim.h"

@@ -1,0 +1,3 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+#include_next <linux/ioctl.h>
+#include "ucfg_shim/shim.h"
