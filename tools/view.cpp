@@ -125,14 +125,18 @@ std::optional<StoreView> parse_view(const std::string &text, std::string &error)
 					v.table_error = static_cast<std::uint32_t>(num(f, "head_len"));
 					continue;
 				}
-				v.records = num(f, "records"), v.records_in_use = num(f, "in_use");
-				v.records_free = num(f, "free"), v.room = num(f, "room");
+				v.records = num(f, "records");
+				v.records_in_use = num(f, "in_use");
+				v.records_free = num(f, "free");
+				v.room = num(f, "room");
 			} else if (kind == "item") {
 				StoreView::Item it;
 				in >> it.index >> a >> b;
-				it.main_ok = a == "ok", it.backup_ok = b == "ok";
+				it.main_ok = a == "ok";
+				it.backup_ok = b == "ok";
 				Fields f = fields(in);
-				it.size = num(f, "size"), it.block = num(f, "block");
+				it.size = num(f, "size");
+				it.block = num(f, "block");
 				it.offset = num(f, "offset");
 				std::optional<std::string> name = unescape_name(f["name"]);
 				if (!name)
@@ -147,13 +151,16 @@ std::optional<StoreView> parse_view(const std::string &text, std::string &error)
 				StoreView::Block bl;
 				in >> bl.block;
 				Fields f = fields(in);
-				bl.in_use = num(f, "in_use") != 0, bl.used = num(f, "used");
+				bl.in_use = num(f, "in_use") != 0;
+				bl.used = num(f, "used");
 				bl.live = num(f, "live");
 				v.blocks.push_back(bl);
 			} else if (kind == "space") {
 				Fields f = fields(in);
-				v.blocks_in_use = num(f, "blocks"), v.live = num(f, "live");
-				v.dead = num(f, "dead"), v.free = num(f, "free");
+				v.blocks_in_use = num(f, "blocks");
+				v.live = num(f, "live");
+				v.dead = num(f, "dead");
+				v.free = num(f, "free");
 				v.largest = f["largest"] == "none" ? -1 : std::stoll(f["largest"]);
 			}
 		}

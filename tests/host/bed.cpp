@@ -136,7 +136,9 @@ void reset()
 		s.ctl_present = true;
 		s.ioremap_fails = false;
 		s.dev_num = 2;
-		s.dts[0] = 1, s.dts[1] = 0, s.dts[2] = 7;
+		s.dts[0] = 1;
+		s.dts[1] = 0;
+		s.dts[2] = 7;
 		s.ctl_ret = s.dts_ret = 0;
 		std::memset(s.regs, 0, sizeof(s.regs));
 		s.slept = 0;
@@ -286,7 +288,9 @@ void set(bool present, u32 dev_num, int ret)
 
 void dts(u32 ctrl, u32 data, u32 ai, int ret)
 {
-	w().dts[0] = ctrl, w().dts[1] = data, w().dts[2] = ai;
+	w().dts[0] = ctrl;
+	w().dts[1] = data;
+	w().dts[2] = ai;
 	w().dts_ret = ret;
 }
 } // namespace ctl
@@ -543,7 +547,9 @@ static int ctl_get_dev_num(u32 *n)
 
 static int ctl_get_dts(u32 *c, u32 *d, u32 *a)
 {
-	*c = w().dts[0], *d = w().dts[1], *a = w().dts[2];
+	*c = w().dts[0];
+	*d = w().dts[1];
+	*a = w().dts[2];
 	return w().dts_ret;
 }
 

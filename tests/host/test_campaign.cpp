@@ -97,6 +97,18 @@ struct Stats {
 			t += f.second;
 		return t;
 	}
+	void add(const Stats &o)
+	{
+		ops += o.ops;
+		checks += o.checks;
+		rebuilds += o.rebuilds;
+		ghosts += o.ghosts;
+		lost_reads += o.lost_reads;
+		aliasing += o.aliasing;
+		views += o.views;
+		for (const auto &f : o.faults)
+			faults[f.first] += f.second;
+	}
 };
 
 struct Config {
@@ -735,12 +747,7 @@ TEST(Campaign, Torture)
 		std::string why = camp.run();
 		ASSERT_EQ(why, "") << "replay: UCFG_SEED=" << seed;
 		runs++;
-		all.ops += camp.stats.ops, all.checks += camp.stats.checks;
-		all.rebuilds += camp.stats.rebuilds, all.ghosts += camp.stats.ghosts;
-		all.aliasing += camp.stats.aliasing;
-		all.lost_reads += camp.stats.lost_reads;
-		for (const auto &f : camp.stats.faults)
-			all.faults[f.first] += f.second;
+		all.add(camp.stats);
 	}
 	std::printf("[ torture ] %u runs\n%s", runs, figures(all).c_str());
 }
