@@ -14,17 +14,16 @@
  *   reads, writes  transfers served so far; write 0 to reset
  *   fail_read      N: the Nth read from now fails (once); 0 disarms
  *   fail_write     N: the Nth write from now fails (once), flash untouched
- *   fail_code      errno the failed transfers return, as a positive number
- *                  (default EIO)
  *   power_cut      N: the Nth write from now fails and sets power_off
  *   power_off      1 while the power is off: every transfer fails, reads
  *                  included; write 0 to power the flash back on
  *   corrupt_write  N: the Nth write from now stores its data with the first
  *                  byte inverted and still reports success
  *
- * A countdown reads 0 once its fault has fired. Transfers run under one
- * mutex, so a fault armed before a request hits a well-defined transfer of
- * it; the knobs themselves are plain 64-bit words.
+ * A failed transfer returns -EIO. A countdown reads 0 once its fault has
+ * fired. Transfers run under one mutex, so a fault armed before a request
+ * hits a well-defined transfer of it; the knobs themselves are plain 64-bit
+ * words.
  */
 #include <linux/debugfs.h>
 #include <linux/errno.h>
@@ -47,7 +46,6 @@ struct sec_flash_dev {
 	u64 writes;
 	u64 fail_read;
 	u64 fail_write;
-	u64 fail_code;
 	u64 power_cut;
 	u64 power_off;
 	u64 corrupt_write;
@@ -95,9 +93,7 @@ static int sec_flash_xfer(u32 dev_id, u32 offset, u8 *buf, u32 len,
 			memcpy(buf, p, len);
 	}
 	mutex_unlock(&sec_flash_lock);
-	if (!fail)
-		return 0;
-	return d->fail_code ? -(int)d->fail_code : -EIO;
+	return fail ? -EIO : 0;
 }
 
 int sec_flash_read(u32 dev_id, u32 offset, u8 *buf, u32 len)
@@ -153,7 +149,6 @@ static const struct {
 	{ "writes", offsetof(struct sec_flash_dev, writes) },
 	{ "fail_read", offsetof(struct sec_flash_dev, fail_read) },
 	{ "fail_write", offsetof(struct sec_flash_dev, fail_write) },
-	{ "fail_code", offsetof(struct sec_flash_dev, fail_code) },
 	{ "power_cut", offsetof(struct sec_flash_dev, power_cut) },
 	{ "power_off", offsetof(struct sec_flash_dev, power_off) },
 	{ "corrupt_write", offsetof(struct sec_flash_dev, corrupt_write) },
@@ -197,7 +192,6 @@ static int __init sec_flash_init(void)
 			return -ENOMEM;
 		}
 		memset(d->area, 0xff, SEC_FLASH_WIN_SIZE);
-		d->fail_code = EIO;
 	}
 	sec_flash_debugfs = debugfs_create_dir("sec_flash", NULL);
 	for (i = 0; i < SEC_FLASH_DEV_NUM; i++)

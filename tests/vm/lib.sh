@@ -66,7 +66,7 @@ vm_prepare() {
 	# ucfg-image (host build) makes device 1's image: ssh_status and a
 	# named item, read back in the VM; vm_image_checks does the other way.
 	vm_step image-tool.log "ucfg-image build" make -C "$VM_ROOT" ucfg-image
-	VM_IMAGE_TOOL=$(find "$VM_ROOT/build/image" -name ucfg-image -type f -perm -u+x | head -n1)
+	VM_IMAGE_TOOL=$VM_ROOT/build/tools/ucfg-image
 	local item img=$VM_OUT/provision.img
 	read -ra item <<<"${VM_IMAGE_ITEMS[1]}"
 	"$VM_IMAGE_TOOL" create --force "$img" >/dev/null &&

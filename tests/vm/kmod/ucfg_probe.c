@@ -11,7 +11,6 @@
  *
  *   get DEV NAME SIZE         ret out_len HEXDATA
  *   set DEV NAME HEXDATA      ret milliseconds-taken
- *   clear DEV INDEX           ret milliseconds-taken
  *   cpu_number DEV            ret ccpu ccpu_os dcpu dcpu_os ai ai_os ts ts_os
  *   cpu_cfg DEV SIZE          ret n0 n1 n2 n3   (buffer preset to 0xdeadbeef)
  *   whitelist NAME...         ret   (at most 4 names)
@@ -42,16 +41,19 @@ static char *probe_out;
 
 #define probe_say(...) scnprintf(probe_out, PROBE_TEXT_MAX, __VA_ARGS__)
 
-/* The calls that return at once: get, the CPU queries, the whitelist. */
-static int probe_call(const char *verb, char *args, u8 *data)
+/* One call of the kernel API; a set is timed, as it may sleep on purpose. */
+static int probe_dispatch(char *args, u8 *data)
 {
 	u32 dev, size, len = 0, n[4] = { 0xdeadbeef, 0xdeadbeef, 0xdeadbeef,
 					 0xdeadbeef };
-	const char *names[4];
+	char *verb = strsep(&args, " "), name[48], *tok;
 	struct dev_user_cfg_cpu_nums c;
-	char name[48], *tok;
-	int ret;
+	unsigned long start = jiffies;
+	const char *names[4];
+	int ret, off = 0;
 
+	if (!args)
+		args = "";
 	if (!strcmp(verb, "get")) {
 		if (sscanf(args, "%u %47s %u", &dev, name, &size) != 3 ||
 		    size > PROBE_DATA_MAX)
@@ -60,6 +62,15 @@ static int probe_call(const char *verb, char *args, u8 *data)
 		n[0] = probe_say("%d %u ", ret, len);
 		if (ret == 0 && len <= size)
 			*bin2hex(probe_out + n[0], data, len) = '\0';
+	} else if (!strcmp(verb, "set")) {
+		if (sscanf(args, "%u %47s %n", &dev, name, &off) != 2 || !off)
+			return -EINVAL;
+		tok = strim(args + off);
+		len = strlen(tok) / 2;
+		if (len > PROBE_DATA_MAX || hex2bin(data, tok, len))
+			return -EINVAL;
+		ret = hal_kernel_set_user_config(dev, name, data, len);
+		probe_say("%d %u", ret, jiffies_to_msecs(jiffies - start));
 	} else if (!strcmp(verb, "cpu_number")) {
 		if (kstrtou32(args, 10, &dev))
 			return -EINVAL;
@@ -85,35 +96,6 @@ static int probe_call(const char *verb, char *args, u8 *data)
 	} else {
 		return -EINVAL;
 	}
-	return 0;
-}
-
-/* set DEV NAME HEX and clear DEV INDEX are timed: they may sleep on purpose. */
-static int probe_dispatch(char *line, u8 *data)
-{
-	char *args = line, *verb = strsep(&args, " "), name[48], *hex;
-	unsigned long start = jiffies;
-	int ret, index, off = 0;
-	u32 dev, len;
-
-	if (!args)
-		args = "";
-	if (!strcmp(verb, "clear")) {
-		if (sscanf(args, "%u %d", &dev, &index) != 2)
-			return -EINVAL;
-		ret = devdrv_config_clear_user_item(dev, index);
-	} else if (!strcmp(verb, "set")) {
-		if (sscanf(args, "%u %47s %n", &dev, name, &off) != 2 || !off)
-			return -EINVAL;
-		hex = strim(args + off);
-		len = strlen(hex) / 2;
-		if (len > PROBE_DATA_MAX || hex2bin(data, hex, len))
-			return -EINVAL;
-		ret = hal_kernel_set_user_config(dev, name, data, len);
-	} else {
-		return probe_call(verb, args, data);
-	}
-	probe_say("%d %u", ret, jiffies_to_msecs(jiffies - start));
 	return 0;
 }
 
