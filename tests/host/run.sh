@@ -27,6 +27,8 @@ step() {
 		printf 'host: FAIL  %-14s %4d s  %s\n' "$name" $((SECONDS - t0)) "$log"
 		grep -E -A12 'Failure|FAILED|ERROR|error:' "$log" | head -n 40 | sed 's/^/      /'
 		failed=1
+		# The mutation runner wants the first failing step only.
+		[ -z "${HOST_STOP:-}" ] || exit 1
 	fi
 }
 
