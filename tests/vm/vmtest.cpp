@@ -613,6 +613,21 @@ void test_view()
 	       run({kSelf, 0}, {"read", kView})),
 	   cat("0 400 0 ", -EACCES, " ", -EPERM),
 	   "user_config/dev0 is 0400 root's: the daemon and root without CAP_SYS_ADMIN refused");
+	// What the suite stored so far, as root lists it.
+	std::istringstream in(slurp("/etc/image-items"));
+	std::string ours, our_text, listed = slurp(kView);
+	in >> ours >> our_text;
+	auto shown = [&listed](const std::string &name, size_t n) {
+		std::istringstream lines(listed);
+		for (std::string l; std::getline(lines, l);)
+			if (l.size() >= name.size() + 6 &&
+			    l.substr(l.size() - name.size() - 6) == " name=" + name)
+				return count(l, cat(" ok ok size=", n, " block=")) == 1;
+		return false;
+	};
+	check(shown("k.item", 500) && shown(ours, our_text.size()) &&
+		  count(listed, "head main valid\nhead backup valid\nin_use main\ncopies same\n"),
+	      "the view lists the named items stored, both copies intact", listed);
 	int fd = open(knob(0, "area").c_str(), O_WRONLY);
 	bool hit = pwrite(fd, "garbage!garbage!", 16, 100) == 16;
 	close(fd);
