@@ -46,6 +46,23 @@ ifeq ($(filter $(TARGET),$(TARGETS) arm64-5.10-debug),)
 $(error unknown TARGET '$(TARGET)'; choose one of: $(TARGETS) arm64-5.10-debug)
 endif
 
+# A compiler cache, when ccache is installed (scripts/setup.sh installs it):
+# kept in .cache/ccache with the downloads, so that a fresh clone with a warm
+# .cache recompiles nothing that did not change. Every build goes through
+# it: CMake's (host tests, tools, the packages) by its launcher variables,
+# Kbuild's and the VM programs' by UCFG_CCACHE (scripts/build-module.sh,
+# tests/vm/lib.sh). Paths are hashed relative to the clone, so a clone
+# elsewhere hits the same entries. "make distclean" empties it.
+ifneq ($(shell command -v ccache 2>/dev/null),)
+export CCACHE_DIR ?= $(CURDIR)/.cache/ccache
+export CCACHE_BASEDIR := $(CURDIR)
+export CCACHE_NOHASHDIR := 1
+export CCACHE_MAXSIZE ?= 2G
+export CMAKE_C_COMPILER_LAUNCHER := ccache
+export CMAKE_CXX_COMPILER_LAUNCHER := ccache
+export UCFG_CCACHE := ccache
+endif
+
 # Kbuild's verbosity, passed through when given (make module V=1).
 KBUILD_ARGS := $(if $(V),V=$(V))
 

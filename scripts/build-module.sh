@@ -28,12 +28,12 @@ MODULE_SOURCES=(Kbuild VERSION include common driver store catalogue dynamic acc
 case $TARGET in
 arm64-5.10 | arm64-6.1 | arm64-5.10-debug)
 	KARGS=(ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu-
-		CC=aarch64-linux-gnu-gcc)
+		CC="${UCFG_CCACHE:+$UCFG_CCACHE }aarch64-linux-gnu-gcc")
 	;;
 x86_64-6.1)
 	# Debian builds its kernels with "gcc-12": naming the same driver
 	# keeps Kbuild's compiler-identity check quiet.
-	KARGS=(ARCH=x86_64 CC=gcc-12)
+	KARGS=(ARCH=x86_64 CC="${UCFG_CCACHE:+$UCFG_CCACHE }gcc-12")
 	;;
 *)
 	echo "build-module: unknown target $TARGET" >&2

@@ -39,6 +39,8 @@ PACKAGES=(
 	# the cross compiler is not registered as such). Their check
 	# (make deb-check) installs them into a debootstrap'd throwaway root.
 	debhelper dh-dkms libssl-dev:arm64 libstdc++6:arm64 debootstrap
+	# compiler cache of repeated runs (.cache/ccache)
+	ccache
 	# VM harness
 	device-tree-compiler qemu-system-arm cpio
 	# make bench: the environment tools users would otherwise reach for

@@ -53,7 +53,8 @@ vm_prepare() {
 	rsync -a "$VM_ROOT/tests/vm/kmod/" "$VM_OUT/kmod/"
 	vm_step kmod.log "test module build" env -u MAKEFLAGS -u MFLAGS -u MAKELEVEL \
 		-u MAKEOVERRIDES make -C "$kdir" M="$VM_OUT/kmod" ARCH=arm64 W=1 \
-		CROSS_COMPILE=aarch64-linux-gnu- CC=aarch64-linux-gnu-gcc UCFG_ROOT="$VM_ROOT" \
+		CROSS_COMPILE=aarch64-linux-gnu- UCFG_ROOT="$VM_ROOT" \
+		CC="${UCFG_CCACHE:+$UCFG_CCACHE }aarch64-linux-gnu-gcc" \
 		KBUILD_EXTRA_SYMBOLS="$syms/Module.symvers $syms/sim/Module.symvers" modules
 	! grep -iE '(^|[^a-z_])(warning|error):' "$VM_OUT/kmod.log" || vm_die "test module warnings"
 	vm_program vmtest "$VM_ROOT/tests/vm/vmtest.cpp"
@@ -81,7 +82,7 @@ vm_prepare() {
 vm_program() {
 	local bin=$VM_ROOT/build/vm/$1
 	[ "$bin" -nt "$2" ] && [ "$bin" -nt "$VM_ROOT/include/uapi/user_cfg.h" ] && return 0
-	aarch64-linux-gnu-g++ -std=c++17 -static -O1 -Wall -Wextra -Werror \
+	${UCFG_CCACHE:-} aarch64-linux-gnu-g++ -std=c++17 -static -O1 -Wall -Wextra -Werror \
 		-I"$VM_ROOT/include" "$2" -o "$bin" || vm_die "$1 build"
 }
 
