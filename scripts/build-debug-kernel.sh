@@ -72,17 +72,10 @@ flock 9
 
 # The source package: one download, kept in the shared .deb cache.
 if [ ! -f "$SRC/Makefile" ]; then
-	deb=$(ls "$CACHE"/debs/linux-source-5.10_*_all.deb 2>/dev/null |
-		tail -n1 || true)
-	if [ -z "$deb" ]; then
-		# The bullseye apt source is set up by the headers fetch.
-		"$ROOT/scripts/fetch-kernel.sh" arm64-5.10 headers >/dev/null
-		log "downloading linux-source-5.10"
-		(cd "$CACHE/debs" && apt-get download -q \
-			-o APT::Sandbox::User="$(id -un)" linux-source-5.10 >&2 \
-			</dev/null) || die "cannot download linux-source-5.10"
-		deb=$(ls "$CACHE"/debs/linux-source-5.10_*_all.deb | tail -n1)
-	fi
+	# Downloaded (once, into .cache/debs/) by the fetch that the lint's
+	# kernel-doc shares, which adds bullseye's apt source for its length.
+	deb=$("$ROOT/scripts/fetch-kernel.sh" arm64-5.10 source | tail -n1)
+	[ -f "$deb" ] || die "cannot download linux-source-5.10"
 	log "unpacking $(basename "$deb")"
 	rm -rf "$SRC" "$DIR/unpack"
 	mkdir -p "$DIR/unpack"

@@ -38,6 +38,10 @@ stage() {
 	vm)
 		local t rc=0
 		for t in arm64-5.10 arm64-6.1 arm64-5.10-debug; do
+			if [ "$t" = arm64-5.10-debug ] && [ -n "$debug_kernel" ]; then
+				# Its lines so far, then as they come, until it is done.
+				tail -n +1 -f --pid="$debug_kernel" build/check-debug-kernel.log
+			fi
 			tests/vm/run.sh "$t" || rc=1
 		done
 		return $rc
@@ -45,6 +49,19 @@ stage() {
 	*) echo "check: no stage $1" >&2; return 2 ;;
 	esac
 }
+
+# The debug kernel is built from source when .cache/ has none: minutes of
+# both cores. It starts now, at the lowest priority, so that it takes what
+# the stages before the VM leave idle (downloads, the packages' throwaway
+# root, the parts of the tests that keep one core busy); the vm stage shows
+# its lines and waits for it before the debug kernel's boot. Built already,
+# it is done at once. A failure shows again when that boot asks for it.
+debug_kernel=
+if [[ " ${stages[*]} " == *" vm "* ]]; then
+	nice -n 19 scripts/fetch-kernel.sh arm64-5.10-debug image \
+		>build/check-debug-kernel.log 2>&1 </dev/null &
+	debug_kernel=$!
+fi
 
 # What a stage prints that is worth a person's eye: its own summary lines,
 # test results and failures; everything goes to the log.
