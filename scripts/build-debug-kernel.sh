@@ -131,7 +131,7 @@ busy building "$DIR/build.log" "${KMAKE[@]}" -j"$(nproc)" Image modules modules_
 t1=$(date +%s)
 if [ $cold -eq 1 ]; then
 	echo $((t1 - t0)) >"$DIR/build-seconds"
-	log "cold build took $((t1 - t0)) s on $(nproc) cores"
+	log "cold build took $((t1 - t0)) s on $(nproc) cores at nice $(nice)"
 fi
 echo "$want" >"$DIR/done"
 print
