@@ -815,10 +815,6 @@ struct Item {
 	unsigned long since = 0; // the device's faults at its last successful write
 };
 
-unsigned long faults(uint32_t dev)
-{
-	return std::strtoul(slurp(cat(kFaults, dev)).c_str(), nullptr, 10);
-}
 
 struct Worker {
 	int id, fd = -1; // the node, open for one request
@@ -864,7 +860,7 @@ struct Worker {
 			own |= r.code == 0 && v && r.data == *v;
 		if (!ok) // a fault that fired in this request is counted within ms
 			usleep(50000);
-		if (!ok && faults(it.dev) >= it.since + 2 &&
+		if (!ok && num(cat(kFaults, it.dev)) >= it.since + 2 &&
 		    (own || r.code == -ENOENT || r.code == -ENXIO)) {
 			c[kSecond]++;
 			if (r.code != -ENXIO)
@@ -885,7 +881,7 @@ struct Worker {
 		Value v = clear ? Value() : Bytes(n);
 		for (; !clear && n--;)
 			(*v)[n] = uint8_t(rng());
-		unsigned long f0 = faults(it.dev);
+		unsigned long f0 = num(cat(kFaults, it.dev));
 		Result res = item(fd, it.dev, clear ? CLEAR : SET, it.name, v.value_or(Bytes()),
 				  clear ? 0 : uint32_t(v->size()));
 		size_t absent = std::count(it.allowed.begin(), it.allowed.end(), Value());
